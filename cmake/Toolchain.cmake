@@ -1,0 +1,16 @@
+# Flags that apply to everything built here, third-party code included:
+# target architecture and sanitizers must agree across every object.
+
+if(ROUTINGLIB_M32)
+  # The library ships for 32-bit x86. SSE2 floating point keeps double
+  # arithmetic rounding exactly as on x86-64, so numeric results match.
+  add_compile_options(-m32 -msse2 -mfpmath=sse)
+  add_link_options(-m32)
+  set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+endif()
+
+if(ROUTINGLIB_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,117 @@
+// Tracing. Each compilation unit names its default trace handle once:
+//
+//   COG_TRACE_HANDLE("UcmpWeightRebase");
+//   ...
+//   COG_TRACE(3, "rebaseWeights" << " inWeight:" << w);
+//
+// A handle has a level from -1 (off, the default) to 9; a record of level L is
+// built only when L <= the handle's level, so a disabled site costs one load
+// and one compare. Levels are switched at run time per handle, by name or by
+// a pattern ending in '*':
+//   - the environment variable COG_TRACE, read when a handle first registers,
+//     e.g. COG_TRACE='UcmpWeightRebase=3,Fec*=9' or COG_TRACE='*=9';
+//   - Cog::Trace::levelIs("Fec*", 9) from code.
+// Records go to the sink: stderr by default, or whatever sinkIs() installs
+// (CaptureSink keeps them for tests).
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Cog::Trace {
+
+constexpr int kOff = -1;
+constexpr int kMaxLevel = 9;
+
+class Handle;
+
+struct Record {
+  const Handle* handle;
+  int level;
+  const char* file;
+  unsigned line;
+  const char* function;
+  std::string text;
+};
+
+class Handle {
+ public:
+  explicit Handle(const char* name);
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  const char* name() const { return name_; }
+  bool enabled(int level) const { return level <= level_.load(std::memory_order_relaxed); }
+  int level() const { return level_.load(std::memory_order_relaxed); }
+  void levelIs(int level);
+
+  void emit(int level, const char* file, unsigned line, const char* function,
+            std::string text) const;
+
+ private:
+  const char* name_;
+  std::atomic<int> level_{kOff};
+};
+
+// Sets the level of every registered handle whose name matches `pattern`
+// (exact, or a prefix followed by '*'), and of handles registered later.
+void levelIs(std::string_view pattern, int level);
+// Parses "name=level,pattern*=level,..." as COG_TRACE does. Returns false and
+// changes nothing on malformed text.
+bool configure(std::string_view spec);
+// The handle registered under `name`, or nullptr.
+Handle* handle(std::string_view name);
+// Every handle registered so far, in registration order.
+std::vector<const Handle*> handles();
+
+using Sink = std::function<void(const Record&)>;
+// Installs `sink`; an empty function restores the stderr sink.
+void sinkIs(Sink sink);
+// The stderr form of a record: "<handle>[<level>] <file>:<line> <function>: <text>".
+std::string format(const Record& record);
+
+// A sink that keeps the records it receives; installs itself while alive.
+class CaptureSink {
+ public:
+  CaptureSink();
+  ~CaptureSink();
+  std::vector<Record> records() const;
+  std::vector<std::string> texts() const;
+  void clear();
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Record> records_;
+};
+
+}  // namespace Cog::Trace
+
+#define COG_TRACE_HANDLE(unitName)                                  \
+  namespace {                                                       \
+  [[maybe_unused]] ::Cog::Trace::Handle& cogDefaultTraceHandle() {  \
+    static ::Cog::Trace::Handle handle(unitName);                   \
+    return handle;                                                  \
+  }                                                                 \
+  /* registers the handle at load time, so tools can list it */     \
+  [[maybe_unused]] const ::Cog::Trace::Handle& cogDefaultTraceHandleAtLoad_ = \
+      cogDefaultTraceHandle();                                      \
+  }
+
+#define COG_TRACE(lvl, expr)                                                   \
+  do {                                                                         \
+    const ::Cog::Trace::Handle& cogTraceHandle_ = cogDefaultTraceHandle();     \
+    if (cogTraceHandle_.enabled(lvl)) {                                        \
+      std::ostringstream cogTraceStream_;                                      \
+      cogTraceStream_ << expr;                                                 \
+      cogTraceHandle_.emit(lvl, __FILE_NAME__, __LINE__, __func__,             \
+                           std::move(cogTraceStream_).str());                  \
+    }                                                                          \
+  } while (0)
+
+#define COG_TRACE_ENABLED(lvl) (cogDefaultTraceHandle().enabled(lvl))

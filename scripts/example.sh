@@ -1,0 +1,6 @@
+#!/usr/bin/env bash
+# The worked example the main job runs: what the tool can show today.
+set -euo pipefail
+tool=${1:-build/default/bin/routinglib}
+run() { echo "\$ routinglib $*"; "$tool" "$@"; echo; }
+run help
