@@ -28,7 +28,9 @@ String In::nextString() {
   std::uint32_t len = nextU32();
   if (len > remaining()) {
     pos_ = start;
-    need(std::size_t(len) + 4, "string");
+    throw StreamException("attribute log truncated: string of " + std::to_string(len) +
+                          " bytes at offset " + std::to_string(start) + ", " +
+                          std::to_string(remaining() - 4) + " left after its length");
   }
   String s(std::string(reinterpret_cast<const char*>(bytes_.data() + pos_), len));
   pos_ += len;
