@@ -38,3 +38,11 @@ function(rl_bench name)
   rl_warnings(${name})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} benchmark::benchmark)
 endfunction()
+
+# rl_test_dir(Name [DEPS ...] [PROPERTIES ...])
+# One test executable from every *Test.cpp in the calling folder.
+function(rl_test_dir name)
+  cmake_parse_arguments(ARG "" "" "DEPS;PROPERTIES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*Test.cpp)
+  rl_test(${name} SOURCES ${sources} DEPS ${ARG_DEPS} PROPERTIES ${ARG_PROPERTIES})
+endfunction()
