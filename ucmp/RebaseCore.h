@@ -1,0 +1,52 @@
+// The UCMP weight rebase core, internal to the library and its tools.
+//
+// Turns non-negative next-hop weights into integer weights whose sum never
+// exceeds `maxUcmp`, growing each next hop's integer weight until its share
+// of the total is at least (1 - weightDeviation) times its ideal share or the
+// budget runs out. The public `rebaseWeights` overloads wrap `rebase` and
+// carry its outcome in their generated result type.
+//
+// Three entry points with identical results for identical arguments:
+//   - rebaseReference: the literal growth loop, which rescans every entry
+//     after each single increment (about maxUcmp x n ratio evaluations) and
+//     writes every level-3 trace line, one per scanned entry of every scan.
+//   - rebaseFast: the same outcome, bit for bit, in about
+//     (n + maxUcmp) x log evaluations. It writes the level-2 lines and the
+//     level-3 input and output lines, but not the per-scan lines.
+//   - rebase: the one callers use. It runs rebaseReference when level 3 of the
+//     "UcmpWeightRebase" trace handle is on, so the trace is exact, and
+//     rebaseFast otherwise.
+//
+// Preconditions (fatal assertions, the process aborts):
+//   - weightDeviation in [0, 1]   "weightDeviation >= 0.0 && weightDeviation <= 1.0"
+//   - a non-empty input whose sum (in input order, in double) is not 0
+//                                 "sumOfWeights != 0"
+// Non-convergence and truncation are outcomes, not errors: they come back in
+// `status` together with the weights computed so far.
+//
+// `weights[i]` is the output weight of input i; every position is written.
+// The functions use only their arguments and may run concurrently.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace RoutingLib::detail {
+
+// Values equal those of the generated UcmpRebaseStatus.
+enum class RebaseStatus : uint8_t { success = 0, unconverged = 1, truncated = 2 };
+
+struct RebaseOutcome {
+  RebaseStatus status;
+  std::vector<uint32_t> weights;
+};
+
+RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
+RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
+RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
+
+// The generated enumeration's value names: "rebaseSuccess", "rebaseUnconverged",
+// "rebaseTruncated".
+const char* rebaseStatusName(RebaseStatus status);
+
+}  // namespace RoutingLib::detail
