@@ -4,3 +4,4 @@ set -euo pipefail
 tool=${1:-build/default/bin/routinglib}
 run() { echo "\$ routinglib $*"; "$tool" "$@"; echo; }
 run help
+run rebase --max-ucmp 16 --deviation 0.05 10 3 1

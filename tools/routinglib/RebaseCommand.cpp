@@ -1,0 +1,160 @@
+// `routinglib rebase`: rebases UCMP weights into a hardware entry budget.
+//
+//   routinglib rebase --max-ucmp N --deviation D [--float | --unsigned] [--json] W...
+//
+// Weights are doubles by default; --float reads them as 32-bit floats and
+// --unsigned as unsigned 32-bit integers, as the library's three overloads
+// take them. Prints
+//   status: <rebaseSuccess|rebaseUnconverged|rebaseTruncated>
+//   weights: w0 w1 ...
+// or, with --json, the one line {"status": "<name>", "weights": [w0, w1, ...]}.
+//
+// The library aborts on a broken precondition, so everything is checked here
+// first: a deviation outside [0, 1] (or NaN), no weights, weights that sum to
+// 0, a malformed or non-finite number and a negative unsigned weight are
+// refused with a one-line error and exit status 2. Negative float and double
+// weights are passed on, as the library takes them.
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "../../ucmp/RebaseCore.h"
+#include "Command.h"
+
+namespace routinglib {
+namespace {
+
+constexpr const char* kUsage =
+    "usage: routinglib rebase --max-ucmp N --deviation D [--float | --unsigned] [--json] W...";
+
+enum class Kind { doubles, floats, unsigneds };
+
+// The whole of `text` as a T, or nullopt (with the reason in `why`).
+template <typename T>
+std::optional<T> parseWhole(const std::string& text, std::string& why) {
+  T value{};
+  const char* first = text.data();
+  const char* last = first + text.size();
+  const auto [end, ec] = std::from_chars(first, last, value);
+  if (ec == std::errc::result_out_of_range) {
+    why = "out of range";
+    return std::nullopt;
+  }
+  if (ec != std::errc() || end != last || text.empty()) {
+    why = "not a number";
+    return std::nullopt;
+  }
+  return value;
+}
+
+// A weight as the chosen overload takes it, widened to the double the
+// library's core computes with.
+std::optional<double> parseWeight(const std::string& text, Kind kind, std::string& why) {
+  if (kind == Kind::unsigneds) {
+    if (!text.empty() && text[0] == '-') {
+      why = "negative, and --unsigned weights are not";
+      return std::nullopt;
+    }
+    const auto v = parseWhole<uint32_t>(text, why);
+    if (!v) return std::nullopt;
+    return static_cast<double>(*v);
+  }
+  std::optional<double> v;
+  if (kind == Kind::floats) {
+    const auto f = parseWhole<float>(text, why);
+    if (f) v = static_cast<double>(*f);
+  } else {
+    v = parseWhole<double>(text, why);
+  }
+  if (v && !std::isfinite(*v)) {
+    why = "not a finite number";
+    return std::nullopt;
+  }
+  return v;
+}
+
+int refuse(std::ostream& err, const std::string& message) {
+  err << "routinglib rebase: " << message << "\n";
+  return kExitUsage;
+}
+
+int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
+  std::optional<uint64_t> maxUcmp;
+  std::optional<float> deviation;
+  bool json = false;
+  bool asFloat = false;
+  bool asUnsigned = false;
+  std::vector<std::string> weightTexts;
+  std::string why;
+
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (a == "--help") {
+      out << kUsage << "\n";
+      return 0;
+    }
+    if (a == "--max-ucmp" || a == "--deviation") {
+      if (i + 1 == args.size()) return refuse(err, a + " needs a value");
+      const std::string& value = args[++i];
+      if (a == "--max-ucmp") {
+        if (!value.empty() && value[0] == '-') return refuse(err, "--max-ucmp '" + value + "' is negative");
+        maxUcmp = parseWhole<uint64_t>(value, why);
+        if (!maxUcmp) return refuse(err, "--max-ucmp '" + value + "' is " + why);
+      } else {
+        deviation = parseWhole<float>(value, why);
+        if (!deviation) return refuse(err, "--deviation '" + value + "' is " + why);
+        if (!(*deviation >= 0.0f && *deviation <= 1.0f))
+          return refuse(err, "--deviation '" + value + "' is outside [0, 1]");
+      }
+    } else if (a == "--json") {
+      json = true;
+    } else if (a == "--float") {
+      asFloat = true;
+    } else if (a == "--unsigned") {
+      asUnsigned = true;
+    } else if (a.size() >= 2 && a[0] == '-' && a[1] == '-') {
+      return refuse(err, "unknown option '" + a + "' (" + kUsage + ")");
+    } else {
+      weightTexts.push_back(a);
+    }
+  }
+  if (!maxUcmp) return refuse(err, "--max-ucmp is required");
+  if (!deviation) return refuse(err, "--deviation is required");
+  if (asFloat && asUnsigned) return refuse(err, "--float and --unsigned exclude each other");
+  if (weightTexts.empty()) return refuse(err, "no weights given");
+
+  const Kind kind = asFloat ? Kind::floats : asUnsigned ? Kind::unsigneds : Kind::doubles;
+  std::vector<double> weights;
+  weights.reserve(weightTexts.size());
+  double sum = 0.0;  // in input order, as the library sums
+  for (const std::string& text : weightTexts) {
+    const auto w = parseWeight(text, kind, why);
+    if (!w) return refuse(err, "weight '" + text + "' is " + why);
+    weights.push_back(*w);
+    sum += *w;
+  }
+  if (sum == 0) return refuse(err, "the weights sum to 0");
+
+  const auto result = RoutingLib::detail::rebase(std::move(weights), *maxUcmp, *deviation);
+  const char* status = RoutingLib::detail::rebaseStatusName(result.status);
+  if (json) {
+    out << "{\"status\": \"" << status << "\", \"weights\": [";
+    for (size_t i = 0; i < result.weights.size(); ++i) out << (i ? ", " : "") << result.weights[i];
+    out << "]}\n";
+  } else {
+    out << "status: " << status << "\nweights:";
+    for (uint32_t w : result.weights) out << " " << w;
+    out << "\n";
+  }
+  return 0;
+}
+
+Registration reg{"rebase", "rebase UCMP weights into a hardware entry budget", &rebaseMain};
+
+}  // namespace
+}  // namespace routinglib
