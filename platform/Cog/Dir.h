@@ -45,6 +45,8 @@ class Dir : public Entity {
   class NotifieeConst : public Entity::NotifieeConst {
    public:
     const Dir* notifier() const { return static_cast<const Dir*>(Entity::NotifieeConst::notifier()); }
+    // Only a directory can be the notifier of a directory observer.
+    void notifierIs(const Ptr<const Dir>& dir) { Entity::NotifieeConst::notifierIs(dir); }
     // Called after the entity under `name` was added, replaced or removed.
     virtual void onEntityPtr(const Name& name) {}
 

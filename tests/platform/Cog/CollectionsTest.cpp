@@ -180,27 +180,6 @@ TEST(HashSet2018, BehavesAsASet) {
   EXPECT_EQ(left, model);
 }
 
-TEST(HashMap2018, HoldsEntityPointersAndRunsKeyHash) {
-  struct Counted : Cog::PtrInterface {
-    explicit Counted(int* live) : live(live) { ++*live; }
-    ~Counted() override { --*live; }
-    int* live;
-  };
-  int live = 0;
-  {
-    Cog::HashMap2018<Cog::Name, Cog::Ptr<Counted>> map;
-    for (int i = 0; i < 100; ++i) map.insert(Cog::Name(std::to_string(i)), Cog::allocate<Counted>(&live));
-    EXPECT_EQ(live, 100);
-    map.insertOrAssign(Cog::Name("0"), Cog::allocate<Counted>(&live));
-    EXPECT_EQ(live, 100);
-    EXPECT_TRUE(map.erase(Cog::Name("1")));
-    EXPECT_EQ(live, 99);
-  }
-  EXPECT_EQ(live, 0);
-  // The table uses the key's own hash().
-  EXPECT_EQ(Cog::KeyHash<Cog::Name>()(Cog::Name("abc")), Cog::Name("abc").hash());
-}
-
 // --- DynArray -------------------------------------------------------------
 
 TEST(DynArray, GrowsFillsAndErases) {

@@ -52,25 +52,6 @@ TEST(Ptr, ConcurrentCopiesDeleteExactlyOnce) {
   }
 }
 
-TEST(Ptr, CountsReferencesAndConverts) {
-  std::atomic<int> deletions{0};
-  {
-    auto p = Cog::allocate<Tracked>(&deletions);
-    EXPECT_EQ(p->references(), 1u);
-    Cog::Ptr<const Cog::PtrInterface> base = p;
-    EXPECT_EQ(p->references(), 2u);
-    auto back = Cog::ptr_cast<const Tracked>(base);
-    EXPECT_EQ(back.ptr(), p.ptr());
-    EXPECT_EQ(p->references(), 3u);
-    Tracked* raw = p.release();
-    EXPECT_EQ(raw->references(), 3u);
-    Cog::Ptr<Tracked> adopt(raw);  // a raw pointer takes a new reference
-    raw->deleteRef();
-    EXPECT_EQ(adopt->references(), 3u);
-  }
-  EXPECT_EQ(deletions.load(), 1);
-}
-
 // An object that recycles itself instead of being deleted when its last
 // reference goes, and whose flag bits must not disturb the count.
 struct Pooled : Cog::PtrInterface {

@@ -122,13 +122,6 @@ TEST(Tracelet, EachCallSiteRegistersOneDescriptor) {
   EXPECT_LE(entries[0].timestampNs, entries[3].timestampNs);
 }
 
-TEST(Tracelet, ProcessRingIsShared) {
-  auto before = Tracelet::processRing().written();
-  TRACELET(Tracelet::processRing(), "process %s", "ring");
-  EXPECT_EQ(Tracelet::processRing().written(), before + 1);
-  EXPECT_EQ(Tracelet::processRing().entries().back().text, "process ring");
-}
-
 TEST(TraceletDeathTest, RingSizeMustBeAPowerOfTwoAndFitRecords) {
   EXPECT_DEATH(Tracelet::Ring(3000), "isPowerOfTwo");
   EXPECT_DEATH(Tracelet::Ring(256, 64), "bytes >= 2 \\* longest");
