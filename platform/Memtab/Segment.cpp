@@ -1,0 +1,1088 @@
+#include "Memtab/Segment.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Cog/Assert.h"
+#include "Cog/Exception.h"
+
+namespace Memtab {
+
+void validateTableName(std::string_view name) {
+  if (name.empty() || name.size() > kMaxTableNameLength) {
+    throw Cog::RangeException("memtab table name must have 1 to " +
+                              std::to_string(kMaxTableNameLength) + " bytes");
+  }
+  for (char c : name) {
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+              c == '.' || c == '_' || c == '-';
+    if (!ok) {
+      throw Cog::RangeException(
+          "memtab table name may only contain letters, digits, '.', '_' and '-'");
+    }
+  }
+  if (name.front() == '.' || name.find("..") != std::string_view::npos) {
+    throw Cog::RangeException("memtab table name may not start with '.' or contain '..'");
+  }
+}
+
+std::string segmentName(std::string_view tableName) {
+  validateTableName(tableName);
+  return "/memtab." + std::string(tableName);
+}
+
+bool unlinkTable(std::string_view name) { return shm_unlink(segmentName(name).c_str()) == 0; }
+
+}  // namespace Memtab
+
+namespace Memtab::Shm {
+
+namespace {
+
+constexpr unsigned kMaxAttempts = 256;
+constexpr unsigned kLivenessAttempt = 8;
+constexpr std::size_t kSmallFreeUnits = 512;  // runs below 4 KiB kept by exact size
+constexpr std::uint64_t kCommitChunk = 4u << 20;
+constexpr std::uint64_t kVersionMask = (std::uint64_t{1} << 40) - 1;
+constexpr std::uint32_t kMinHomeBlocks = 16;
+
+std::atomic<std::uint64_t>& word(std::uint8_t* base, std::uint64_t offset) {
+  return *reinterpret_cast<std::atomic<std::uint64_t>*>(base + offset);
+}
+
+std::uint64_t alignUp(std::uint64_t v, std::uint64_t a) { return (v + a - 1) & ~(a - 1); }
+
+std::string errnoText() { return std::strerror(errno); }
+
+void cpuRelax() {
+#if defined(__i386__) || defined(__x86_64__)
+  __builtin_ia32_pause();
+#endif
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- View
+
+View::~View() {
+  if (base_ != nullptr) munmap(base_, mapped_);
+  if (fd_ >= 0) close(fd_);
+}
+
+std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, std::string* why) {
+  std::string path = segmentName(name);
+  int fd = shm_open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd < 0) {
+    if (errno != ENOENT) *why = "cannot open " + path + ": " + errnoText();
+    return nullptr;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    *why = "cannot stat " + path + ": " + errnoText();
+    close(fd);
+    return nullptr;
+  }
+  if (st.st_uid != geteuid() && st.st_uid != 0) {
+    *why = path + " belongs to uid " + std::to_string(st.st_uid) + ", which this reader does not trust";
+    close(fd);
+    return nullptr;
+  }
+  auto size = static_cast<std::uint64_t>(st.st_size);
+  if (size < kHeaderBytes) {  // the writer is still making it
+    close(fd);
+    return nullptr;
+  }
+  void* mem = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+  if (mem == MAP_FAILED) {
+    *why = "cannot map " + path + ": " + errnoText();
+    close(fd);
+    return nullptr;
+  }
+  std::unique_ptr<View> v(new View());
+  v->fd_ = fd;
+  v->inode_ = st.st_ino;
+  v->base_ = static_cast<std::uint8_t*>(mem);
+  v->mapped_ = size;
+  if (v->header()->magic.load(std::memory_order_acquire) != kMagic) return nullptr;
+  if (!v->checkHeader(typeTag, size, why)) return nullptr;
+  return v;
+}
+
+bool View::checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why) {
+  const Header* h = header();
+  if (h->layoutVersion != kLayoutVersion || h->headerBytes != kHeaderBytes) {
+    *why = "segment has layout version " + std::to_string(h->layoutVersion) + ", expected " +
+           std::to_string(kLayoutVersion);
+    return false;
+  }
+  if (h->typeTag != typeTag) {
+    *why = "segment holds another value type";
+    return false;
+  }
+  std::uint64_t ring = h->ringBytes;
+  if (h->ringOffset != kHeaderBytes || (ring != 0 && (ring < 4096 || (ring & (ring - 1)) != 0)) ||
+      ring > (std::uint64_t{1} << 32) || kHeaderBytes + ring > fileBytes) {
+    *why = "segment header has an invalid change ring";
+    return false;
+  }
+  ringOffset_ = h->ringOffset;
+  ringBytes_ = ring;
+  heapStart_ = kHeaderBytes + ring;
+  if (!validIndex(IndexWord::decode(h->index.load(std::memory_order_acquire)))) {
+    *why = "segment header has an invalid bucket array";
+    return false;
+  }
+  return true;
+}
+
+bool View::validIndex(const IndexWord& ix) const {
+  return ix.homeBlocks >= 1 && ix.homeBlocks <= kMaxHomeBlocks && ix.offset >= heapStart_ &&
+         ix.offset <= mapped_ && ix.bytes() <= mapped_ - ix.offset;
+}
+
+void View::refresh() {
+  std::uint64_t fb = header()->fileBytes.load(std::memory_order_acquire);
+  if (fb > mapped_ && fd_ >= 0) remap(fb);
+}
+
+void View::remap(std::uint64_t bytes) {
+  struct stat st;
+  if (fstat(fd_, &st) != 0) return;
+  // Never map past the end of the file: touching such pages would fault.
+  std::uint64_t size = std::min<std::uint64_t>(bytes, static_cast<std::uint64_t>(st.st_size));
+  if (size <= mapped_) return;
+  void* mem = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd_, 0);
+  if (mem == MAP_FAILED) return;
+  munmap(base_, mapped_);
+  base_ = static_cast<std::uint8_t*>(mem);
+  mapped_ = size;
+}
+
+std::uint64_t View::count() const { return header()->count.load(std::memory_order_relaxed); }
+std::uint32_t View::writerEpoch() const {
+  return header()->writerEpoch.load(std::memory_order_acquire);
+}
+std::uint64_t View::ringHead() const {
+  return header()->ringHead.load(std::memory_order_acquire);
+}
+
+bool View::writerAlive() const {
+  if (fd_ < 0) return true;  // process-private: the owner is the writer
+  struct flock fl {};
+  fl.l_type = F_RDLCK;
+  fl.l_whence = SEEK_SET;
+  if (fcntl(fd_, F_OFD_GETLK, &fl) != 0) return true;
+  return fl.l_type != F_UNLCK;
+}
+
+bool View::unlinked() const {
+  if (fd_ < 0) return false;
+  struct stat st;
+  return fstat(fd_, &st) == 0 && st.st_nlink == 0;
+}
+
+bool View::backOff(unsigned attempt, bool* ignoreOdd) {
+  ++retries_;
+  if (attempt < 4) {
+    cpuRelax();
+  } else {
+    sched_yield();
+  }
+  // A block or record left odd by a writer that died stays odd until the
+  // next writer repairs the table; what it holds is still a consistent
+  // state, so read it as it is.
+  if (attempt == kLivenessAttempt && !writerAlive()) *ignoreOdd = true;
+  return attempt + 1 < kMaxAttempts;
+}
+
+View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std::vector<std::uint8_t>& into,
+                            std::uint32_t* length, bool trustOdd) {
+  std::uint64_t off = bucketRecord(w);
+  auto stillThere = [&] { return word(base_, bucketAt).load(std::memory_order_acquire) == w; };
+  if (off < heapStart_ || off > mapped_ - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
+  auto& rw = word(base_, off);
+  std::uint64_t w0 = rw.load(std::memory_order_acquire);
+  if ((recordVersion(w0) & 1) != 0 && !trustOdd) return Copy::unstable;
+  std::uint32_t len = recordLength(w0);
+  if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
+  into.resize(len);
+  std::memcpy(into.data(), base_ + off + kRecordHeader, len);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (rw.load(std::memory_order_relaxed) != w0 && !trustOdd) return Copy::unstable;
+  if (!stillThere() && !trustOdd) return Copy::unstable;
+  *length = len;
+  return Copy::ok;
+}
+
+View::Found View::find(std::uint32_t hash, Matcher match, void* context, std::string* why) {
+  refresh();
+  bool ignoreOdd = false;
+  for (unsigned attempt = 0;; ++attempt) {
+    // After the last attempt, read what is there as it is: better an answer
+    // from a writer stuck mid-move than no answer.
+    const bool trust = ignoreOdd || attempt >= kMaxAttempts;
+    std::uint64_t iw = header()->index.load(std::memory_order_acquire);
+    IndexWord ix = IndexWord::decode(iw);
+    if (!validIndex(ix)) {
+      refresh();
+      if (!validIndex(ix)) {
+        *why = "bucket array lies outside the segment";
+        return Found::corrupt;
+      }
+    }
+    const std::uint32_t home = homeOf(hash, ix.homeBuckets());
+    const std::uint32_t limit = std::min(ix.totalBuckets(), home + kMaxDisplacement + 1);
+    constexpr unsigned kMaxBlocks = kMaxDisplacement / kBucketsPerBlock + 3;
+    std::uint32_t blocks[kMaxBlocks];
+    std::uint64_t seqs[kMaxBlocks];
+    unsigned nb = 0;
+    bool retry = false;
+    for (std::uint32_t pos = home; pos < limit; ++pos) {
+      std::uint32_t blk = pos / kBucketsPerBlock;
+      if (nb == 0 || blocks[nb - 1] != blk) {
+        std::uint64_t s = word(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
+        if ((s & 1) != 0 && !trust) {
+          retry = true;
+          break;
+        }
+        blocks[nb] = blk;
+        seqs[nb] = s;
+        ++nb;
+      }
+      std::uint64_t at = ix.offset + bucketOffset(pos);
+      std::uint64_t w = word(base_, at).load(std::memory_order_acquire);
+      if (w == 0) break;
+      std::uint32_t h = bucketHash(w);
+      if (h < hash) continue;
+      if (h > hash) break;
+      std::uint32_t len = 0;
+      Copy c = copyRecord(at, w, scratch_, &len, trust);
+      if (c == Copy::unstable) {
+        retry = true;
+        break;
+      }
+      if (c == Copy::bad) {
+        *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
+        return Found::corrupt;
+      }
+      std::string detail;
+      Verdict v = match(context, scratch_, len, &detail);
+      if (v == Verdict::match) return Found::yes;
+      if (v == Verdict::invalid) {
+        *why = "record at offset " + std::to_string(bucketRecord(w)) + ": " + detail;
+        return Found::corrupt;
+      }
+    }
+    if (!retry && !trust) {
+      std::atomic_thread_fence(std::memory_order_acquire);
+      for (unsigned i = 0; i < nb && !retry; ++i) {
+        retry = word(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) !=
+                seqs[i];
+      }
+      retry = retry || header()->index.load(std::memory_order_relaxed) != iw;
+    }
+    if (!retry) return Found::no;
+    backOff(attempt, &ignoreOdd);
+    refresh();
+  }
+}
+
+std::vector<std::uint8_t>& View::groupImage(std::size_t i) {
+  COG_ASSERT(i < group_.size());
+  return groupScratch_[i];
+}
+
+View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* groupHash,
+                           std::string* why) {
+  refresh();
+  bool ignoreOdd = false;
+  for (unsigned attempt = 0;; ++attempt) {
+    const bool trust = ignoreOdd || attempt >= kMaxAttempts;
+    group_.clear();
+    std::uint64_t iw = header()->index.load(std::memory_order_acquire);
+    IndexWord ix = IndexWord::decode(iw);
+    if (!validIndex(ix)) {
+      refresh();
+      if (!validIndex(ix)) {
+        *why = "bucket array lies outside the segment";
+        return Step::corrupt;
+      }
+    }
+    const std::uint32_t total = ix.totalBuckets();
+    std::uint32_t pos = started ? homeOf(after, ix.homeBuckets()) : 0;
+    // Entries skipped or collected lie within a displacement of each other,
+    // so a sane array never needs more than this many blocks remembered.
+    constexpr unsigned kMaxBlocks = 2 * (kMaxDisplacement / kBucketsPerBlock) + 8;
+    std::uint32_t blocks[kMaxBlocks];
+    std::uint64_t seqs[kMaxBlocks];
+    unsigned nb = 0;
+    bool retry = false, found = false;
+    std::uint32_t groupH = 0, seen = 0;
+    for (; pos < total; ++pos) {
+      std::uint64_t at = ix.offset + bucketOffset(pos);
+      std::uint64_t w = word(base_, at).load(std::memory_order_acquire);
+      if (w == 0) {
+        if (found) break;
+        continue;
+      }
+      std::uint32_t h = bucketHash(w);
+      if (++seen > 2 * (kMaxDisplacement + 1)) {
+        *why = "run of buckets near " + std::to_string(pos) + " is longer than any table makes";
+        return Step::corrupt;
+      }
+      std::uint32_t blk = pos / kBucketsPerBlock;
+      if (nb == 0 || blocks[nb - 1] != blk) {
+        std::uint64_t s = word(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
+        if ((s & 1) != 0 && !trust) {
+          retry = true;
+          break;
+        }
+        if (nb == kMaxBlocks) {
+          *why = "run of buckets near " + std::to_string(pos) + " is longer than any table makes";
+          return Step::corrupt;
+        }
+        blocks[nb] = blk;
+        seqs[nb] = s;
+        ++nb;
+      }
+      if (!found) {
+        if (started && h <= after) continue;
+        found = true;
+        groupH = h;
+      } else if (h != groupH) {
+        break;
+      }
+      // A writer that died while moving buckets can leave one entry twice.
+      std::uint64_t off = bucketRecord(w);
+      bool duplicate = false;
+      for (auto& g : group_) duplicate = duplicate || g.offset == off;
+      if (duplicate) continue;
+      std::size_t k = group_.size();
+      if (groupScratch_.size() <= k) groupScratch_.resize(k + 1);
+      std::uint32_t len = 0;
+      Copy c = copyRecord(at, w, groupScratch_[k], &len, trust);
+      if (c == Copy::unstable) {
+        retry = true;
+        break;
+      }
+      if (c == Copy::bad) {
+        *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
+        return Step::corrupt;
+      }
+      group_.push_back({off, len});
+    }
+    if (!retry && !trust) {
+      std::atomic_thread_fence(std::memory_order_acquire);
+      for (unsigned i = 0; i < nb && !retry; ++i) {
+        retry = word(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) !=
+                seqs[i];
+      }
+      retry = retry || header()->index.load(std::memory_order_relaxed) != iw;
+    }
+    if (!retry) {
+      if (!found) return Step::end;
+      *groupHash = groupH;
+      return Step::group;
+    }
+    backOff(attempt, &ignoreOdd);
+    refresh();
+  }
+}
+
+bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, std::string* why) {
+  if (ringBytes_ == 0) return true;
+  const Header* h = header();
+  const std::uint64_t head = h->ringHead.load(std::memory_order_acquire);
+  const std::uint64_t mask = ringBytes_ - 1;
+  auto behind = [&] {
+    position = head;
+    return false;
+  };
+  if (head < position || head - position > ringBytes_) return behind();
+  while (position < head) {
+    const std::uint64_t at = position & mask;
+    RingEntry e;
+    std::memcpy(&e, base_ + ringOffset_ + at, sizeof e);
+    const bool shapeOk = e.entryBytes >= kRingEntryHeader && e.entryBytes % 16 == 0 &&
+                         e.entryBytes <= ringBytes_ - at && e.entryBytes <= head - position &&
+                         e.imageBytes <= e.entryBytes - kRingEntryHeader;
+    if (shapeOk && e.kind != static_cast<std::uint16_t>(RingKind::padding)) {
+      scratch_.resize(e.imageBytes);
+      std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (h->ringReserve.load(std::memory_order_relaxed) - position > ringBytes_) return behind();
+    if (!shapeOk) {
+      *why = "change ring entry at " + std::to_string(position) + " is malformed";
+      return behind();
+    }
+    position += e.entryBytes;
+    auto kind = static_cast<RingKind>(e.kind);
+    if (kind == RingKind::padding) continue;
+    if (kind != RingKind::key && kind != RingKind::table) {
+      *why = "change ring entry at " + std::to_string(position - e.entryBytes) +
+             " has unknown kind " + std::to_string(e.kind);
+      return behind();
+    }
+    std::string detail;
+    if (!visit(context, kind, scratch_, e.imageBytes, &detail)) {
+      *why = "change ring entry at " + std::to_string(position - e.entryBytes) + ": " + detail;
+      return behind();
+    }
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- Store
+
+Store::~Store() = default;
+
+std::atomic<std::uint64_t>& Store::bucket(const IndexWord& ix, std::uint32_t pos) const {
+  return word(base_, ix.offset + bucketOffset(pos));
+}
+std::atomic<std::uint64_t>& Store::blockSeq(const IndexWord& ix, std::uint32_t block) const {
+  return word(base_, ix.offset + blockOffset(block));
+}
+
+std::uint32_t Store::blocksFor(std::uint64_t entries) const {
+  // Grow at a load of 0.8 of the home buckets.
+  std::uint64_t blocks = (entries * 5 / 4 + kBucketsPerBlock - 1) / kBucketsPerBlock;
+  if (blocks > kMaxHomeBlocks) {
+    throw Cog::RangeException("memtab table " + name_ + " cannot hold " + std::to_string(entries) +
+                              " entries");
+  }
+  return std::max<std::uint32_t>(kMinHomeBlocks, static_cast<std::uint32_t>(blocks));
+}
+
+std::unique_ptr<Store> Store::local(const StoreConfig& config) {
+  std::unique_ptr<Store> s(new Store());
+  s->name_ = "(local)";
+  s->initialise(config);
+  return s;
+}
+
+std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec,
+                                   const CorruptionReport& report) {
+  const std::string path = segmentName(config.name);
+  for (int round = 0; round < 4; ++round) {
+    bool created = true;
+    int fd = shm_open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, config.mode);
+    if (fd < 0 && errno == EEXIST) {
+      created = false;
+      fd = shm_open(path.c_str(), O_RDWR | O_CLOEXEC, 0);
+    }
+    if (fd < 0) {
+      if (errno == ENOENT) continue;  // removed under our feet
+      throw Cog::RangeException("memtab table " + config.name + ": cannot open " + path + ": " +
+                                errnoText());
+    }
+    auto closeFd = [&] { close(fd); };
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    if (fcntl(fd, F_OFD_SETLK, &fl) != 0) {
+      closeFd();
+      throw Cog::NameInUseException("memtab table " + config.name + " already has a writer");
+    }
+    struct stat st, named;
+    std::string devPath = "/dev/shm" + path;
+    if (fstat(fd, &st) != 0 || stat(devPath.c_str(), &named) != 0 || named.st_ino != st.st_ino) {
+      closeFd();  // replaced while we were locking it
+      continue;
+    }
+    if (!created && st.st_uid != geteuid()) {
+      closeFd();
+      throw Cog::NameInUseException("memtab table " + config.name + " belongs to uid " +
+                                    std::to_string(st.st_uid));
+    }
+    // shm_open applies the umask; the table's mode is the caller's choice.
+    if (fchmod(fd, config.mode) != 0 ||
+        (config.group != static_cast<gid_t>(-1) && fchown(fd, static_cast<uid_t>(-1), config.group) != 0)) {
+      std::string err = errnoText();
+      closeFd();
+      if (created) shm_unlink(path.c_str());
+      throw Cog::RangeException("memtab table " + config.name + ": cannot set owner or mode: " + err);
+    }
+    std::unique_ptr<Store> s(new Store());
+    s->name_ = config.name;
+    s->shared_ = true;
+    s->fd_ = fd;
+    s->inode_ = st.st_ino;
+    auto size = static_cast<std::uint64_t>(st.st_size);
+    if (size >= kHeaderBytes) {
+      void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      if (mem == MAP_FAILED) {
+        throw Cog::RangeException("memtab table " + config.name + ": cannot map: " + errnoText());
+      }
+      s->base_ = static_cast<std::uint8_t*>(mem);
+      s->mapped_ = size;
+      std::string why;
+      if (s->header()->magic.load(std::memory_order_acquire) == kMagic &&
+          s->checkHeader(config.typeTag, size, &why)) {
+        s->reservedEnd_ = size;
+        s->repair(codec, report);
+        return s;
+      }
+      if (s->header()->magic.load(std::memory_order_acquire) == kMagic &&
+          s->header()->typeTag != config.typeTag) {
+        throw Cog::NameInUseException("memtab table " + config.name +
+                                      " holds another value type");
+      }
+      // Unusable: start a new segment under the name. Readers of the old
+      // one see it unlinked and move over.
+      report("memtab table " + config.name + ": " +
+             (why.empty() ? std::string("segment header is invalid") : why) +
+             "; the table starts empty");
+      shm_unlink(path.c_str());
+      continue;
+    }
+    s->initialise(config);
+    return s;
+  }
+  throw Cog::RangeException("memtab table " + config.name + ": " + path +
+                            " keeps changing while it is opened");
+}
+
+void Store::initialise(const StoreConfig& config) {
+  std::uint64_t ring = config.ringBytes;
+  if (ring != 0) {
+    ring = std::max<std::uint64_t>(ring, 4096);
+    if (ring > (std::uint64_t{1} << 30)) throw Cog::RangeException("memtab change ring too large");
+    while ((ring & (ring - 1)) != 0) ring += ring & (~ring + 1);  // next power of two
+  }
+  heapStart_ = kHeaderBytes + ring;
+  ringOffset_ = kHeaderBytes;
+  ringBytes_ = ring;
+  const std::uint32_t homeBlocks = blocksFor(config.initialCapacity);
+  const std::uint64_t indexBytes = static_cast<std::uint64_t>(homeBlocks + kTailBlocks) * kBlockBytes;
+  const std::uint64_t size = alignUp(heapStart_ + indexBytes + (64u << 10), 4096);
+  if (shared_) {
+    if (ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+      throw Cog::RangeException("memtab table " + name_ + ": cannot size segment: " + errnoText());
+    }
+    if (int err = posix_fallocate(fd_, 0, static_cast<off_t>(size)); err != 0) {
+      throw Cog::RangeException("memtab table " + name_ + ": no memory for segment: " +
+                                std::strerror(err));
+    }
+    void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    if (mem == MAP_FAILED) {
+      throw Cog::RangeException("memtab table " + name_ + ": cannot map: " + errnoText());
+    }
+    base_ = static_cast<std::uint8_t*>(mem);
+  } else {
+    void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mem == MAP_FAILED) throw std::bad_alloc();
+    base_ = static_cast<std::uint8_t*>(mem);
+  }
+  mapped_ = size;
+  reservedEnd_ = size;
+  header()->layoutVersion = kLayoutVersion;
+  header()->headerBytes = kHeaderBytes;
+  header()->typeTag = config.typeTag;
+  header()->fileBytes.store(size, std::memory_order_relaxed);
+  header()->index.store(IndexWord{heapStart_, homeBlocks, 0}.encode(), std::memory_order_relaxed);
+  header()->count.store(0, std::memory_order_relaxed);
+  header()->ringOffset = ringOffset_;
+  header()->ringBytes = ringBytes_;
+  header()->ringHead.store(0, std::memory_order_relaxed);
+  header()->ringReserve.store(0, std::memory_order_relaxed);
+  header()->heapTop.store(heapStart_ + indexBytes, std::memory_order_relaxed);
+  header()->version.store(0, std::memory_order_relaxed);
+  header()->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
+  header()->writerEpoch.store(1, std::memory_order_relaxed);
+  smallFree_.assign(kSmallFreeUnits, {});
+  header()->magic.store(kMagic, std::memory_order_release);
+}
+
+void Store::repair(const Codec& codec, const CorruptionReport& report) {
+  smallFree_.assign(kSmallFreeUnits, {});
+  header()->fileBytes.store(mapped_, std::memory_order_release);
+  const IndexWord old = IndexWord::decode(header()->index.load(std::memory_order_acquire));
+  struct Entry {
+    std::uint32_t hash;
+    std::uint64_t record;
+    std::uint32_t length;
+  };
+  std::vector<Entry> entries;
+  std::uint64_t maxVersion = header()->version.load(std::memory_order_relaxed);
+  std::vector<std::uint8_t> image;
+  auto drop = [&](std::uint32_t pos, const std::string& why) {
+    report("memtab table " + name_ + ": dropped the entry in bucket " + std::to_string(pos) + ": " +
+           why);
+  };
+  for (std::uint32_t pos = 0; pos < old.totalBuckets(); ++pos) {
+    std::uint64_t w = bucket(old, pos).load(std::memory_order_relaxed);
+    if (w == 0) continue;
+    std::uint64_t off = bucketRecord(w);
+    if (!entries.empty() && entries.back().record == off) continue;  // interrupted move
+    if (off < heapStart_ || off > mapped_ - kRecordHeader) {
+      drop(pos, "record offset outside the segment");
+      continue;
+    }
+    std::uint64_t rw = word(base_, off).load(std::memory_order_relaxed);
+    std::uint32_t len = recordLength(rw);
+    if (len > mapped_ - off - kRecordHeader) {
+      drop(pos, "record length past the end of the segment");
+      continue;
+    }
+    if ((recordVersion(rw) & 1) != 0) {
+      drop(pos, "record was never completed");
+      continue;
+    }
+    image.assign(base_ + off + kRecordHeader, base_ + off + kRecordHeader + len);
+    std::uint32_t hash = 0;
+    std::string why;
+    if (!codec.check(image, len, &hash, &why)) {
+      drop(pos, why);
+      continue;
+    }
+    if (hash != bucketHash(w)) {
+      drop(pos, "key hash differs from the bucket's");
+      continue;
+    }
+    maxVersion = std::max(maxVersion, recordVersion(rw));
+    entries.push_back({hash, off, len});
+  }
+  // Order by hash; then no two entries may share a key or overlap in memory.
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const Entry& a, const Entry& b) { return a.hash < b.hash; });
+  std::vector<bool> keep(entries.size(), true);
+  std::vector<std::uint8_t> other;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    for (std::size_t j = i + 1; j < entries.size() && entries[j].hash == entries[i].hash; ++j) {
+      if (!keep[i] || !keep[j]) continue;
+      image.assign(base_ + entries[i].record + kRecordHeader,
+                   base_ + entries[i].record + kRecordHeader + entries[i].length);
+      other.assign(base_ + entries[j].record + kRecordHeader,
+                   base_ + entries[j].record + kRecordHeader + entries[j].length);
+      if (codec.sameKey(image, entries[i].length, other, entries[j].length)) {
+        keep[j] = false;
+        report("memtab table " + name_ + ": dropped a second entry for one key");
+      }
+    }
+  }
+  std::vector<std::size_t> byOffset;
+  for (std::size_t i = 0; i < entries.size(); ++i)
+    if (keep[i]) byOffset.push_back(i);
+  std::sort(byOffset.begin(), byOffset.end(),
+            [&](std::size_t a, std::size_t b) { return entries[a].record < entries[b].record; });
+  std::uint64_t end = 0;
+  for (std::size_t i : byOffset) {
+    const std::uint64_t recordEnd = entries[i].record + recordBytes(entries[i].length);
+    if (entries[i].record < old.offset + old.bytes() && recordEnd > old.offset) {
+      keep[i] = false;
+      report("memtab table " + name_ + ": dropped an entry whose record overlaps the bucket array");
+      continue;
+    }
+    if (entries[i].record < end) {
+      keep[i] = false;
+      report("memtab table " + name_ + ": dropped an entry whose record overlaps another");
+      continue;
+    }
+    end = entries[i].record + recordBytes(entries[i].length);
+  }
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> live;
+  std::vector<Entry> kept;
+  liveRecordBytes_ = 0;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!keep[i]) continue;
+    kept.push_back(entries[i]);
+    live.emplace_back(entries[i].record, recordBytes(entries[i].length));
+    liveRecordBytes_ += recordBytes(entries[i].length);
+  }
+  live.emplace_back(old.offset, old.bytes());
+  std::uint64_t top = std::min<std::uint64_t>(header()->heapTop.load(std::memory_order_relaxed), mapped_);
+  top = std::max(top, heapStart_);
+  for (auto& [off, bytes] : live) top = std::max(top, off + bytes);
+  header()->heapTop.store(top, std::memory_order_relaxed);
+  reservedEnd_ = top;
+  header()->version.store((maxVersion + 2) & ~std::uint64_t{1} & kVersionMask, std::memory_order_relaxed);
+  rebuildFreeSpace(live);
+
+  // A fresh bucket array: clears blocks left odd and moves left half done.
+  for (std::uint32_t blocks = blocksFor(kept.size());; blocks *= 2) {
+    const std::uint64_t bytes = static_cast<std::uint64_t>(blocks + kTailBlocks) * kBlockBytes;
+    const std::uint64_t off = allocate(bytes, kBlockBytes);
+    std::memset(base_ + off, 0, bytes);
+    IndexWord ix{off, blocks, old.generation + 1};
+    bool fits = true;
+    std::uint32_t last = 0;
+    for (std::size_t i = 0; i < kept.size() && fits; ++i) {
+      std::uint32_t home = homeOf(kept[i].hash, ix.homeBuckets());
+      std::uint32_t p = i == 0 ? home : std::max(home, last + 1);
+      fits = p < ix.totalBuckets() && p - home <= kMaxDisplacement;
+      if (fits) bucket(ix, p).store(bucketWord(kept[i].hash, kept[i].record), std::memory_order_relaxed);
+      last = p;
+    }
+    if (!fits) {
+      release(off, bytes);
+      continue;
+    }
+    header()->count.store(kept.size(), std::memory_order_relaxed);
+    header()->index.store(ix.encode(), std::memory_order_release);
+    release(old.offset, old.bytes());
+    break;
+  }
+  header()->ringReserve.store(header()->ringHead.load(std::memory_order_relaxed), std::memory_order_relaxed);
+  header()->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
+  header()->writerEpoch.fetch_add(1, std::memory_order_release);
+  // Readers resynchronise: entries may have been dropped.
+  publish(RingKind::table, nullptr, 0);
+}
+
+void Store::rebuildFreeSpace(std::vector<std::pair<std::uint64_t, std::uint64_t>> live) {
+  smallFree_.assign(kSmallFreeUnits, {});
+  largeFree_.clear();
+  carveAt_ = carveEnd_ = 0;
+  std::sort(live.begin(), live.end());
+  std::uint64_t at = heapStart_;
+  const std::uint64_t top = header()->heapTop.load(std::memory_order_relaxed);
+  for (auto& [off, bytes] : live) {
+    if (off > at) release(at, off - at);
+    at = std::max(at, off + bytes);
+  }
+  if (top > at) release(at, top - at);
+}
+
+void Store::release(std::uint64_t offset, std::uint64_t bytes) {
+  std::uint64_t units = bytes / 8;
+  if (units < 2) return;  // too small for any record; recovered at the next attach
+  if (units < kSmallFreeUnits) {
+    smallFree_[units].push_back(offset);
+  } else {
+    largeFree_.emplace(bytes, offset);
+  }
+}
+
+void Store::growFile(std::uint64_t atLeast) {
+  std::uint64_t size = std::max(atLeast, mapped_ + mapped_ / 2);
+  size = alignUp(size, size > (64u << 20) ? (4u << 20) : 65536);
+  if (shared_ && ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+    throw Cog::RangeException("memtab table " + name_ + ": cannot grow segment: " + errnoText());
+  }
+  void* mem = mremap(base_, mapped_, size, MREMAP_MAYMOVE);
+  if (mem == MAP_FAILED) {
+    throw Cog::RangeException("memtab table " + name_ + ": cannot grow mapping: " + errnoText());
+  }
+  base_ = static_cast<std::uint8_t*>(mem);
+  mapped_ = size;
+  header()->fileBytes.store(size, std::memory_order_release);
+}
+
+std::uint64_t Store::allocate(std::uint64_t bytes, std::uint64_t align) {
+  COG_ASSERT(bytes % 8 == 0 && bytes >= 16);
+  if (align == 8) {
+    std::uint64_t units = bytes / 8;
+    if (units < kSmallFreeUnits && !smallFree_[units].empty()) {
+      std::uint64_t off = smallFree_[units].back();
+      smallFree_[units].pop_back();
+      return off;
+    }
+    if (carveEnd_ - carveAt_ < bytes && !largeFree_.empty() &&
+        std::prev(largeFree_.end())->first >= bytes) {
+      // Carve records out of the largest free run (an old bucket array).
+      release(carveAt_, carveEnd_ - carveAt_);
+      auto it = std::prev(largeFree_.end());
+      carveAt_ = it->second;
+      carveEnd_ = it->second + it->first;
+      largeFree_.erase(it);
+    }
+    if (carveEnd_ - carveAt_ >= bytes) {
+      std::uint64_t off = carveAt_;
+      carveAt_ += bytes;
+      return off;
+    }
+  } else {
+    auto it = largeFree_.lower_bound(bytes + align - 8);
+    if (it != largeFree_.end()) {
+      std::uint64_t runAt = it->second, runBytes = it->first;
+      largeFree_.erase(it);
+      std::uint64_t off = alignUp(runAt, align);
+      release(runAt, off - runAt);
+      release(off + bytes, runAt + runBytes - off - bytes);
+      return off;
+    }
+  }
+  std::uint64_t top = header()->heapTop.load(std::memory_order_relaxed);
+  std::uint64_t off = alignUp(top, align);
+  std::uint64_t end = off + bytes;
+  if (end > mapped_) growFile(end);
+  if (shared_ && end > reservedEnd_) {
+    // Take the memory now, so that a full /dev/shm is an error here rather
+    // than a fault when the page is first written.
+    std::uint64_t upTo = std::min(mapped_, std::max(end, reservedEnd_ + kCommitChunk));
+    if (int err = posix_fallocate(fd_, static_cast<off_t>(reservedEnd_),
+                                  static_cast<off_t>(upTo - reservedEnd_));
+        err != 0) {
+      throw Cog::RangeException("memtab table " + name_ + ": no memory for segment: " +
+                                std::strerror(err));
+    }
+    reservedEnd_ = upTo;
+  }
+  header()->heapTop.store(end, std::memory_order_relaxed);
+  release(top, off - top);
+  return off;
+}
+
+std::uint64_t Store::writeRecord(const std::uint8_t* image, std::uint32_t length) {
+  const std::uint64_t bytes = recordBytes(length);
+  const std::uint64_t off = allocate(bytes);
+  // The version is recorded before it is used, so that a writer restarted
+  // after a crash never hands the same version out twice.
+  std::uint64_t v = (header()->version.load(std::memory_order_relaxed) + 2) & kVersionMask;
+  header()->version.store(v, std::memory_order_relaxed);
+  auto& rw = word(base_, off);
+  rw.store(recordWord(v - 1, length), std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  std::memcpy(base_ + off + kRecordHeader, image, length);
+  std::memset(base_ + off + kRecordHeader + length, 0, bytes - kRecordHeader - length);
+  rw.store(recordWord(v, length), std::memory_order_release);
+  liveRecordBytes_ += bytes;
+  return off;
+}
+
+Store::Upsert Store::upsert(std::uint32_t hash, const std::uint8_t* image, std::uint32_t length,
+                            bool force, Matcher match, void* context) {
+  if (length > kMaxImageBytes) {
+    throw Cog::RangeException("memtab table " + name_ + ": image of " + std::to_string(length) +
+                              " bytes is larger than " + std::to_string(kMaxImageBytes));
+  }
+  for (unsigned growth = 0;; ++growth) {
+    if (growth > 4) {
+      throw Cog::RangeException("memtab table " + name_ +
+                                ": too many keys share a hash to place another");
+    }
+    const IndexWord ix = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
+    const std::uint32_t home = homeOf(hash, ix.homeBuckets());
+    const std::uint32_t total = ix.totalBuckets();
+    std::uint32_t pos = home;
+    bool found = false;
+    std::uint64_t w = 0;
+    for (; pos < total; ++pos) {
+      w = bucket(ix, pos).load(std::memory_order_relaxed);
+      if (w == 0 || bucketHash(w) > hash) break;
+      if (bucketHash(w) < hash) continue;
+      std::uint64_t off = bucketRecord(w);
+      std::uint32_t len = recordLength(word(base_, off).load(std::memory_order_relaxed));
+      scratch_.assign(base_ + off + kRecordHeader, base_ + off + kRecordHeader + len);
+      std::string why;
+      if (match(context, scratch_, len, &why) == Verdict::match) {
+        found = true;
+        break;
+      }
+    }
+    if (found) {
+      const std::uint64_t oldOff = bucketRecord(w);
+      const std::uint32_t oldLen = recordLength(word(base_, oldOff).load(std::memory_order_relaxed));
+      if (!force && oldLen == length &&
+          std::memcmp(base_ + oldOff + kRecordHeader, image, length) == 0) {
+        return Upsert::unchanged;
+      }
+      const std::uint64_t off = writeRecord(image, length);
+      bucket(ix, pos).store(bucketWord(hash, off), std::memory_order_release);
+      release(oldOff, recordBytes(oldLen));
+      liveRecordBytes_ -= recordBytes(oldLen);
+      return Upsert::replaced;
+    }
+    const std::uint64_t n = header()->count.load(std::memory_order_relaxed);
+    if ((n + 1) * 5 > static_cast<std::uint64_t>(ix.homeBuckets()) * 4) {
+      growIndex(n + 1);
+      continue;
+    }
+    // The entries from pos up to the next empty bucket move one to the right.
+    std::uint32_t empty = pos;
+    bool fits = pos - home <= kMaxDisplacement;
+    while (fits && empty < total) {
+      std::uint64_t e = bucket(ix, empty).load(std::memory_order_relaxed);
+      if (e == 0) break;
+      fits = empty + 1 - homeOf(bucketHash(e), ix.homeBuckets()) <= kMaxDisplacement;
+      ++empty;
+    }
+    if (!fits || empty >= total) {
+      if (!rebuildIndex(ix.homeBlocks * 2)) growIndex(static_cast<std::uint64_t>(ix.homeBuckets()) * 2);
+      continue;
+    }
+    const std::uint64_t off = writeRecord(image, length);
+    const std::uint64_t nw = bucketWord(hash, off);
+    if (empty == pos) {
+      bucket(ix, pos).store(nw, std::memory_order_release);
+    } else {
+      const std::uint32_t b0 = pos / kBucketsPerBlock, b1 = empty / kBucketsPerBlock;
+      for (std::uint32_t b = b0; b <= b1; ++b) {
+        auto& s = blockSeq(ix, b);
+        s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      }
+      std::atomic_thread_fence(std::memory_order_release);
+      for (std::uint32_t q = empty; q > pos; --q) {
+        bucket(ix, q).store(bucket(ix, q - 1).load(std::memory_order_relaxed),
+                            std::memory_order_relaxed);
+      }
+      bucket(ix, pos).store(nw, std::memory_order_relaxed);
+      for (std::uint32_t b = b0; b <= b1; ++b) {
+        auto& s = blockSeq(ix, b);
+        s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+      }
+    }
+    header()->count.store(n + 1, std::memory_order_relaxed);
+    return Upsert::inserted;
+  }
+}
+
+bool Store::erase(std::uint32_t hash, Matcher match, void* context, std::vector<std::uint8_t>* old,
+                  std::uint32_t* oldLength) {
+  const IndexWord ix = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
+  const std::uint32_t total = ix.totalBuckets();
+  std::uint32_t pos = homeOf(hash, ix.homeBuckets());
+  std::uint64_t w = 0;
+  bool found = false;
+  for (; pos < total; ++pos) {
+    w = bucket(ix, pos).load(std::memory_order_relaxed);
+    if (w == 0 || bucketHash(w) > hash) break;
+    if (bucketHash(w) < hash) continue;
+    std::uint64_t off = bucketRecord(w);
+    std::uint32_t len = recordLength(word(base_, off).load(std::memory_order_relaxed));
+    scratch_.assign(base_ + off + kRecordHeader, base_ + off + kRecordHeader + len);
+    std::string why;
+    if (match(context, scratch_, len, &why) == Verdict::match) {
+      found = true;
+      *old = scratch_;
+      *oldLength = len;
+      break;
+    }
+  }
+  if (!found) return false;
+  // Displaced entries after pos move one to the left, towards their homes.
+  std::uint32_t end = pos + 1;
+  while (end < total) {
+    std::uint64_t e = bucket(ix, end).load(std::memory_order_relaxed);
+    if (e == 0 || homeOf(bucketHash(e), ix.homeBuckets()) >= end) break;
+    ++end;
+  }
+  if (end == pos + 1) {
+    bucket(ix, pos).store(0, std::memory_order_release);
+  } else {
+    const std::uint32_t b0 = pos / kBucketsPerBlock, b1 = (end - 1) / kBucketsPerBlock;
+    for (std::uint32_t b = b0; b <= b1; ++b) {
+      auto& s = blockSeq(ix, b);
+      s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    std::atomic_thread_fence(std::memory_order_release);
+    for (std::uint32_t q = pos; q + 1 < end; ++q) {
+      bucket(ix, q).store(bucket(ix, q + 1).load(std::memory_order_relaxed),
+                          std::memory_order_relaxed);
+    }
+    bucket(ix, end - 1).store(0, std::memory_order_relaxed);
+    for (std::uint32_t b = b0; b <= b1; ++b) {
+      auto& s = blockSeq(ix, b);
+      s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+  }
+  const std::uint64_t oldOff = bucketRecord(w);
+  release(oldOff, recordBytes(*oldLength));
+  liveRecordBytes_ -= recordBytes(*oldLength);
+  header()->count.store(header()->count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+  return true;
+}
+
+void Store::clear() {
+  const IndexWord old = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
+  const std::uint32_t blocks = kMinHomeBlocks;
+  const std::uint64_t bytes = static_cast<std::uint64_t>(blocks + kTailBlocks) * kBlockBytes;
+  const std::uint64_t off = allocate(bytes, kBlockBytes);
+  std::memset(base_ + off, 0, bytes);
+  header()->count.store(0, std::memory_order_relaxed);
+  header()->index.store(IndexWord{off, blocks, old.generation + 1}.encode(), std::memory_order_release);
+  liveRecordBytes_ = 0;
+  rebuildFreeSpace({{off, bytes}});
+}
+
+void Store::reserve(std::uint64_t entries) {
+  const IndexWord ix = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
+  if (entries * 5 > static_cast<std::uint64_t>(ix.homeBuckets()) * 4) growIndex(entries);
+}
+
+void Store::growIndex(std::uint64_t entries) {
+  std::uint32_t blocks = blocksFor(entries * 3 / 2);
+  for (int doubling = 0; doubling < 4; ++doubling, blocks *= 2) {
+    if (rebuildIndex(blocks)) return;
+  }
+  // More room does not spread them: the keys' hashes collide.
+  throw Cog::RangeException("memtab table " + name_ +
+                            ": too many keys share a hash to place another");
+}
+
+bool Store::rebuildIndex(std::uint32_t homeBlocks) {
+  if (homeBlocks > kMaxHomeBlocks) {
+    throw Cog::RangeException("memtab table " + name_ + " cannot grow further");
+  }
+  const IndexWord old = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
+  const std::uint64_t bytes = static_cast<std::uint64_t>(homeBlocks + kTailBlocks) * kBlockBytes;
+  const std::uint64_t off = allocate(bytes, kBlockBytes);
+  std::memset(base_ + off, 0, bytes);
+  const IndexWord ix{off, homeBlocks, old.generation + 1};
+  // The old array is in hash order; placing in that order keeps it.
+  bool any = false;
+  std::uint32_t last = 0;
+  for (std::uint32_t pos = 0; pos < old.totalBuckets(); ++pos) {
+    std::uint64_t w = bucket(old, pos).load(std::memory_order_relaxed);
+    if (w == 0) continue;
+    std::uint32_t home = homeOf(bucketHash(w), ix.homeBuckets());
+    std::uint32_t p = any ? std::max(home, last + 1) : home;
+    if (p >= ix.totalBuckets() || p - home > kMaxDisplacement) {
+      release(off, bytes);
+      return false;
+    }
+    bucket(ix, p).store(w, std::memory_order_relaxed);
+    last = p;
+    any = true;
+  }
+  header()->index.store(ix.encode(), std::memory_order_release);
+  release(old.offset, old.bytes());
+  ++resizes_;
+  return true;
+}
+
+void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t length) {
+  if (ringBytes_ == 0) return;
+  std::uint64_t entry = kRingEntryHeader + alignUp(length, 16);
+  if (entry > ringBytes_ / 4) {
+    // Too large for the ring: readers resynchronise instead.
+    kind = RingKind::table;
+    length = 0;
+    entry = kRingEntryHeader;
+  }
+  const std::uint64_t mask = ringBytes_ - 1;
+  std::uint64_t head = header()->ringHead.load(std::memory_order_relaxed);
+  std::uint64_t at = head & mask;
+  std::uint64_t pad = at + entry > ringBytes_ ? ringBytes_ - at : 0;
+  header()->ringReserve.store(head + pad + entry, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  if (pad != 0) {
+    RingEntry p{static_cast<std::uint32_t>(pad), static_cast<std::uint16_t>(RingKind::padding), 0, 0,
+                0};
+    std::memcpy(base_ + ringOffset_ + at, &p, sizeof p);
+    at = 0;
+  }
+  RingEntry e{static_cast<std::uint32_t>(entry), static_cast<std::uint16_t>(kind), 0, length, 0};
+  std::memcpy(base_ + ringOffset_ + at, &e, sizeof e);
+  if (length != 0) std::memcpy(base_ + ringOffset_ + at + kRingEntryHeader, image, length);
+  header()->ringHead.store(head + pad + entry, std::memory_order_release);
+}
+
+void Store::touch() {
+  if (fd_ >= 0) futimens(fd_, nullptr);
+}
+
+std::uint64_t Store::usedBytes() const {
+  const IndexWord ix = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
+  return heapStart_ + ix.bytes() + liveRecordBytes_;
+}
+
+}  // namespace Memtab::Shm

@@ -1,0 +1,214 @@
+// The untyped core of the shared-memory tables: one mapped segment (see
+// Layout.h) seen by a reader (View) or owned by the writer (Store). The typed
+// tables of Table.h sit on top; they hand the core images and key hashes and
+// answer its questions about images through the callbacks below.
+//
+// Everything a View reads from the segment is checked before use: offsets and
+// lengths against the mapping, sequence and version words for concurrent
+// change, and bounded retries, so that no content of the segment can make a
+// reader crash or loop forever.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Memtab/Layout.h"
+
+namespace Memtab {
+
+// Throws Cog::RangeException unless `name` is 1 to kMaxTableNameLength bytes
+// of letters, digits, '.', '_' and '-', not starting with '.' and without "..".
+inline constexpr std::size_t kMaxTableNameLength = 100;
+void validateTableName(std::string_view name);
+// The POSIX shared-memory name of a table: "/memtab.<name>".
+std::string segmentName(std::string_view tableName);
+// Removes table `name` from /dev/shm. Processes that have it mapped keep their
+// mapping until they let go; readers see the table as unmounted. Returns
+// false when there was no such table.
+bool unlinkTable(std::string_view name);
+
+}  // namespace Memtab
+
+namespace Memtab::Shm {
+
+// Answers from the typed layer about one image, copied into `image` (which
+// the callee may grow, for instance to zero-pad it).
+// On Verdict::invalid the callee says why in `why`.
+enum class Verdict { match, noMatch, invalid };
+using Matcher = Verdict (*)(void* context, std::vector<std::uint8_t>& image, std::uint32_t length,
+                            std::string* why);
+
+// What the writer needs to know about images when it re-attaches to a
+// segment and checks every entry.
+class Codec {
+ public:
+  virtual ~Codec() = default;
+  // Whether `image` is a valid image; if so sets `hash` to its key's mixed
+  // hash, else sets `why`.
+  virtual bool check(std::vector<std::uint8_t>& image, std::uint32_t length, std::uint32_t* hash,
+                     std::string* why) const = 0;
+  virtual bool sameKey(std::vector<std::uint8_t>& a, std::uint32_t aLength,
+                       std::vector<std::uint8_t>& b, std::uint32_t bLength) const = 0;
+};
+
+using CorruptionReport = std::function<void(const std::string&)>;
+
+class View {
+ public:
+  // Opens table `name` read-only. Returns null when there is no such table or
+  // it is not ready yet; sets `why` and returns null when it exists but is
+  // unusable (wrong type, bad header, untrusted owner).
+  static std::unique_ptr<View> open(std::string_view name, std::uint32_t typeTag,
+                                    std::string* why);
+  virtual ~View();
+  View(const View&) = delete;
+  View& operator=(const View&) = delete;
+
+  enum class Found { yes, no, corrupt };
+  // Looks for an entry with key hash `hash`; `match` decides on each candidate.
+  Found find(std::uint32_t hash, Matcher match, void* context, std::string* why);
+
+  enum class Step { group, end, corrupt };
+  // The next group of iteration: the entries with the smallest hash above
+  // `after` (any hash when !started). On Step::group sets `groupHash` and
+  // leaves the group's images in groupImages() / groupImage(i).
+  Step nextGroup(bool started, std::uint32_t after, std::uint32_t* groupHash, std::string* why);
+  struct Image {
+    std::uint64_t offset;
+    std::uint32_t length;
+  };
+  const std::vector<Image>& groupImages() const { return group_; }
+  // The bytes of group image i; the caller may grow the vector.
+  std::vector<std::uint8_t>& groupImage(std::size_t i);
+
+  // Change ring. readRing() calls `visit` for each entry published after
+  // `position` and advances it; returns false (and moves `position` to the
+  // head) when the writer has overwritten entries the reader had not read,
+  // or when the ring is corrupt (then `why` is set).
+  using RingVisitor = bool (*)(void* context, RingKind kind, std::vector<std::uint8_t>& image,
+                               std::uint32_t length, std::string* why);
+  bool readRing(std::uint64_t& position, RingVisitor visit, void* context, std::string* why);
+  std::uint64_t ringHead() const;
+  bool hasRing() const { return ringBytes_ != 0; }
+
+  std::uint64_t count() const;
+  std::uint32_t writerEpoch() const;
+  // True while some process holds the table's writer lock.
+  bool writerAlive() const;
+  // The segment's file has been unlinked from /dev/shm.
+  bool unlinked() const;
+  ino_t inode() const { return inode_; }
+  std::uint64_t mappedBytes() const { return mapped_; }
+  const std::uint8_t* base() const { return base_; }
+
+  // Test and tool aid: how many times lookups had to read again.
+  std::uint64_t retries() const { return retries_; }
+
+ protected:
+  View() = default;
+  Header* header() const { return reinterpret_cast<Header*>(base_); }
+  // Maps more of the file when the writer has grown it.
+  void refresh();
+  bool validIndex(const IndexWord& ix) const;
+  void remap(std::uint64_t bytes);
+  bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
+
+  enum class Copy { ok, unstable, bad };
+  Copy copyRecord(std::uint64_t bucketAt, std::uint64_t word, std::vector<std::uint8_t>& into,
+                  std::uint32_t* length, bool trustOdd);
+  bool backOff(unsigned attempt, bool* ignoreOdd);
+
+  int fd_ = -1;
+  ino_t inode_ = 0;
+  std::uint8_t* base_ = nullptr;
+  std::uint64_t mapped_ = 0;
+  std::uint64_t ringOffset_ = 0;
+  std::uint64_t ringBytes_ = 0;
+  std::uint64_t heapStart_ = 0;
+  std::vector<std::uint8_t> scratch_;
+  std::vector<Image> group_;
+  std::vector<std::vector<std::uint8_t>> groupScratch_;
+  std::uint64_t retries_ = 0;
+};
+
+struct StoreConfig {
+  std::string name;  // empty for a process-private table
+  std::uint32_t typeTag = 0;
+  std::uint64_t ringBytes = 1u << 20;
+  std::uint64_t initialCapacity = 0;  // entries
+  mode_t mode = 0600;
+  gid_t group = static_cast<gid_t>(-1);
+};
+
+class Store : public View {
+ public:
+  // Creates table `config.name`, or re-attaches to it after a previous
+  // writer, checking and repairing it. Throws Cog::NameInUseException when
+  // another live process is its writer, Cog::RangeException when it cannot be
+  // created. Entries that fail the check are dropped and reported.
+  static std::unique_ptr<Store> open(const StoreConfig& config, const Codec& codec,
+                                     const CorruptionReport& report);
+  // A table in process-private memory with the same behaviour.
+  static std::unique_ptr<Store> local(const StoreConfig& config);
+  ~Store() override;
+
+  enum class Upsert { inserted, replaced, unchanged };
+  // Stores `image` under the key that `match` recognises. With `force` an
+  // identical image is written again (a direct commit).
+  Upsert upsert(std::uint32_t hash, const std::uint8_t* image, std::uint32_t length, bool force,
+                Matcher match, void* context);
+  // Removes the entry `match` recognises; leaves its image in `old`.
+  bool erase(std::uint32_t hash, Matcher match, void* context, std::vector<std::uint8_t>* old,
+             std::uint32_t* oldLength);
+  void clear();
+  // Makes room for `entries` without further growth of the bucket array.
+  void reserve(std::uint64_t entries);
+  // Appends a change to the ring (no-op without ring).
+  void publish(RingKind kind, const std::uint8_t* image, std::uint32_t length);
+
+  // Tells readers waiting on /dev/shm that the writer is ready.
+  void touch();
+
+  // Bytes of the segment in use: header, ring, bucket array, live records.
+  std::uint64_t usedBytes() const;
+  std::uint64_t resizes() const { return resizes_; }
+  const std::string& name() const { return name_; }
+
+ private:
+  Store() = default;
+  void initialise(const StoreConfig& config);
+  void repair(const Codec& codec, const CorruptionReport& report);
+  void growFile(std::uint64_t atLeast);
+  std::uint64_t allocate(std::uint64_t bytes, std::uint64_t align = 8);
+  void release(std::uint64_t offset, std::uint64_t bytes);
+  void rebuildFreeSpace(std::vector<std::pair<std::uint64_t, std::uint64_t>> live);
+  std::uint64_t writeRecord(const std::uint8_t* image, std::uint32_t length);
+  std::atomic<std::uint64_t>& bucket(const IndexWord& ix, std::uint32_t pos) const;
+  std::atomic<std::uint64_t>& blockSeq(const IndexWord& ix, std::uint32_t block) const;
+  // Rebuilds the bucket array with `homeBlocks` home blocks and publishes it.
+  bool rebuildIndex(std::uint32_t homeBlocks);
+  // Grows the bucket array for `entries` entries, doubling until they fit.
+  void growIndex(std::uint64_t entries);
+  std::uint32_t blocksFor(std::uint64_t entries) const;
+
+  std::string name_;
+  bool shared_ = false;
+  std::uint64_t liveRecordBytes_ = 0;
+  std::uint64_t resizes_ = 0;
+  std::uint64_t reservedEnd_ = 0;  // memory committed to the file up to here
+  // Free space, kept by the writer only and rebuilt on attach: small runs by
+  // size (in 8-byte units), larger ones by size, and one run being carved.
+  std::vector<std::vector<std::uint64_t>> smallFree_;
+  std::multimap<std::uint64_t, std::uint64_t> largeFree_;
+  std::uint64_t carveAt_ = 0;
+  std::uint64_t carveEnd_ = 0;
+};
+
+}  // namespace Memtab::Shm

@@ -1,0 +1,649 @@
+// Keyed tables of values that carry their own key, shared between processes
+// through POSIX shared memory: one writer process, any number of readers.
+//
+//   Memtab::Writer<Error> w("error");          // creates or re-attaches
+//   w.insert(e);                               // insert or overwrite
+//   w.del(key);  w.delAll();
+//
+//   Memtab::Reader<Error> r("error");          // in another process
+//   Error e = r.lookup(key);                   // default value when absent
+//   for (const Error& e : r) ...               // every key, in the table's order
+//   poll r.fd(); then r.processNotifications(notifiee);
+//
+// The value type V (see TableValue) is default-constructible, carries its key
+// (ValueTraits<V>::key(v), by default v.key()), and has a variable-length
+// image: serializeLen(), serialize(uint8_t*), static deserializeLen(const
+// uint8_t*, size_t) (0 for an invalid image; otherwise how many bytes
+// deserialize may read, which can exceed the image: the table zero-pads) and
+// deserialize(const uint8_t*, size_t). Keys have hash() and ==.
+//
+// Guarantees:
+//  - A reader never sees a torn value: every lookup yields a value that was
+//    stored under that key at some moment during the call, or the default
+//    value if the key was absent at some moment during it. The writer never
+//    waits for readers.
+//  - Iteration visits keys in order of their (mixed) hash. A key present
+//    for the whole iteration is visited exactly once, even across a resize;
+//    keys inserted or deleted meanwhile may or may not be visited. Values are
+//    read as the iteration reaches them.
+//  - The writer killed at any moment leaves every key with its old or its new
+//    value. A new writer of the same name re-attaches, checks every entry,
+//    drops (and reports) the ones it cannot read, and carries on.
+//  - Everything read from the segment is checked: an invalid image, offset or
+//    length goes to the table's corruption handler with a message; the lookup
+//    then yields the default value and an iteration ends. Nothing in the
+//    segment can crash a reader or make it loop forever.
+//  - Segments are "/memtab.<name>" (see validateTableName), mode 0600 unless
+//    Options say otherwise, written only by their owner; readers map them
+//    read-only and refuse segments owned by a user other than themselves or
+//    root.
+//
+// Notifications (Reader): fd() is readable when something happened;
+// processNotifications() then delivers, on the caller's thread: mount-status
+// changes, onTable() when the whole table must be looked at again (first
+// mount, the writer restarted or cleared the table, or this reader fell
+// behind the writer's change ring), and onKey(k) once per key that changed
+// since the last call (several changes of a key arrive as one; look the key
+// up for its current value). Memory stays bounded: a reader that falls
+// behind gets one onTable() instead of the changes it missed.
+//
+// Writer and LocalTable deliver the same callbacks synchronously to the
+// notifiee set with notifieeIs(), as each change is made.
+//
+// Threads: a table object is used by one thread at a time.
+#pragma once
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <concepts>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <typeinfo>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "Activity/Counter.h"
+#include "Cog/Assert.h"
+#include "Cog/Exception.h"
+#include "Memtab/Notify.h"
+#include "Memtab/Segment.h"
+
+namespace Memtab {
+
+// How a table finds the key in its values; specialise for values whose key
+// is not v.key().
+template <class V>
+struct ValueTraits {
+  static decltype(auto) key(const V& v) { return v.key(); }
+  // Identifies the value type in the segment, so that a reader of another
+  // type refuses the table.
+  static const char* typeName() { return typeid(V).name(); }
+};
+
+template <class V>
+using KeyOf = std::remove_cvref_t<decltype(ValueTraits<V>::key(std::declval<const V&>()))>;
+
+template <class V>
+concept TableValue =
+    std::default_initializable<V> && std::copyable<V> &&
+    requires(const V& cv, V& v, const std::uint8_t* in, std::uint8_t* out, std::size_t n) {
+      { cv.serializeLen() } -> std::convertible_to<std::size_t>;
+      cv.serialize(out);
+      { V::deserializeLen(in, n) } -> std::convertible_to<std::size_t>;
+      v.deserialize(in, n);
+      { ValueTraits<V>::key(cv).hash() } -> std::convertible_to<std::uint64_t>;
+      { ValueTraits<V>::key(cv) == ValueTraits<V>::key(cv) } -> std::convertible_to<bool>;
+    };
+
+template <class Key>
+class Notifiee {
+ public:
+  virtual ~Notifiee() = default;
+  virtual void onKey(const Key&) {}
+  virtual void onTable() {}
+  virtual void onMountStatus(MountStatus) {}
+};
+
+struct Options {
+  // Entries to make room for when the table is created.
+  std::size_t capacity = 0;
+  // Bytes of change ring (a power of two, at least 4096; 0 for none).
+  // Readers that fall more than this behind get onTable().
+  std::size_t ringBytes = 1u << 20;
+  mode_t mode = 0600;
+  // A group whose members may read the table (adds group read to `mode`).
+  std::string group;
+  // Receives a message for every piece of corruption met; by default the
+  // message goes to stderr.
+  std::function<void(const std::string&)> corruptionHandler;
+};
+
+namespace detail {
+
+inline std::uint32_t typeTag(const char* name) {
+  std::uint32_t h = 2166136261u;  // FNV-1a
+  for (const char* p = name; *p != 0; ++p) h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
+  return h;
+}
+
+template <class V>
+std::uint32_t hashOf(const KeyOf<V>& key) {
+  return Shm::mixHash(static_cast<std::uint32_t>(key.hash()));
+}
+
+// Turns an image copied out of a segment into a value, checking it on the
+// way. `image` holds `length` bytes and may be zero-padded here.
+template <class V>
+bool decode(std::vector<std::uint8_t>& image, std::uint32_t length, V* out, std::string* why) {
+  const std::size_t need = V::deserializeLen(image.data(), length);
+  if (need == 0) {
+    *why = "invalid image of " + std::to_string(length) + " bytes";
+    return false;
+  }
+  if (need > Shm::kMaxImageBytes) {
+    *why = "image claims " + std::to_string(need) + " bytes";
+    return false;
+  }
+  if (need > image.size()) image.resize(need, 0);
+  try {
+    *out = V();
+    out->deserialize(image.data(), length);
+  } catch (const Cog::Exception& e) {
+    *why = "image of " + std::to_string(length) + " bytes does not deserialize: " + e.what();
+    return false;
+  }
+  if (static_cast<std::size_t>(out->serializeLen()) != length) {
+    *why = "image of " + std::to_string(length) + " bytes holds a value of " +
+           std::to_string(static_cast<std::size_t>(out->serializeLen())) + " bytes";
+    return false;
+  }
+  return true;
+}
+
+template <class V>
+class Codec final : public Shm::Codec {
+ public:
+  bool check(std::vector<std::uint8_t>& image, std::uint32_t length, std::uint32_t* hash,
+             std::string* why) const override {
+    V v;
+    if (!decode(image, length, &v, why)) return false;
+    *hash = hashOf<V>(ValueTraits<V>::key(v));
+    return true;
+  }
+  bool sameKey(std::vector<std::uint8_t>& a, std::uint32_t aLength, std::vector<std::uint8_t>& b,
+               std::uint32_t bLength) const override {
+    V x, y;
+    std::string why;
+    return decode(a, aLength, &x, &why) && decode(b, bLength, &y, &why) &&
+           ValueTraits<V>::key(x) == ValueTraits<V>::key(y);
+  }
+};
+
+struct Counters {
+  explicit Counters(const std::string& prefix)
+      : insert(counter(prefix, "insert")),
+        del(counter(prefix, "del")),
+        delAll(counter(prefix, "delAll")),
+        commit(counter(prefix, "commit")),
+        notify(counter(prefix, "notify")),
+        fellBehind(counter(prefix, "fellBehind")),
+        corruption(counter(prefix, "corruption")) {}
+  static Activity::Counter& counter(const std::string& prefix, const char* op) {
+    return Activity::CounterWriter::process().counter(prefix + "." + op);
+  }
+  Activity::Counter& insert;
+  Activity::Counter& del;
+  Activity::Counter& delAll;
+  Activity::Counter& commit;
+  Activity::Counter& notify;
+  Activity::Counter& fellBehind;
+  Activity::Counter& corruption;
+};
+
+inline gid_t groupId(const std::string& group) {
+  if (group.empty()) return static_cast<gid_t>(-1);
+  struct group g, *found = nullptr;
+  std::vector<char> buf(16384);
+  if (getgrnam_r(group.c_str(), &g, buf.data(), buf.size(), &found) != 0 || found == nullptr) {
+    throw Cog::RangeException("memtab: no group named '" + group + "'");
+  }
+  return g.gr_gid;
+}
+
+}  // namespace detail
+
+// What every table offers for reading.
+template <TableValue V>
+class Table {
+ public:
+  using Value = V;
+  using Key = KeyOf<V>;
+  struct KeyHash {
+    std::size_t operator()(const Key& k) const { return static_cast<std::size_t>(k.hash()); }
+  };
+
+  virtual ~Table() = default;
+  Table(const Table&) = delete;
+  Table& operator=(const Table&) = delete;
+
+  const std::string& name() const { return name_; }
+
+  // The value stored under `key`, or V() when there is none (or it cannot be
+  // read: then the corruption handler has the reason).
+  V lookup(const Key& key) const {
+    V out;
+    return find(key, &out) ? out : V();
+  }
+  std::optional<V> find(const Key& key) const {
+    V out;
+    if (find(key, &out)) return out;
+    return std::nullopt;
+  }
+  bool contains(const Key& key) const {
+    V out;
+    return find(key, &out);
+  }
+  // Entries in the table (for readers, as last published by the writer).
+  std::size_t size() const {
+    Shm::View* v = view();
+    return v == nullptr ? 0 : static_cast<std::size_t>(v->count());
+  }
+
+  void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
+    handler_ = std::move(handler);
+  }
+
+  // Iteration in the table's order; values are read as it goes.
+  class Iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = V;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const V*;
+    using reference = const V&;
+
+    Iterator() = default;
+    const V& operator*() const {
+      COG_ASSERT(!done_);
+      return group_[at_];
+    }
+    const V* operator->() const { return &**this; }
+    Iterator& operator++() {
+      COG_ASSERT(!done_);
+      if (++at_ == group_.size()) fill();
+      return *this;
+    }
+    void operator++(int) { ++*this; }
+    bool operator==(const Iterator& other) const {
+      return done_ == other.done_ && (done_ || (table_ == other.table_ && last_ == other.last_ &&
+                                                at_ == other.at_));
+    }
+
+   private:
+    friend class Table;
+    explicit Iterator(const Table* table) : table_(table), done_(false) { fill(); }
+    void fill() {
+      group_.clear();
+      at_ = 0;
+      while (group_.empty()) {
+        Shm::View* v = table_->view();
+        std::uint32_t h = 0;
+        std::string why;
+        auto step = v == nullptr ? Shm::View::Step::end : v->nextGroup(started_, last_, &h, &why);
+        if (step != Shm::View::Step::group) {
+          if (step == Shm::View::Step::corrupt) table_->reportCorruption(why);
+          done_ = true;
+          return;
+        }
+        started_ = true;
+        last_ = h;
+        for (std::size_t i = 0; i < v->groupImages().size(); ++i) {
+          V value;
+          if (!detail::decode(v->groupImage(i), v->groupImages()[i].length, &value, &why)) {
+            table_->reportCorruption("record at offset " +
+                                     std::to_string(v->groupImages()[i].offset) + ": " + why);
+            group_.clear();
+            done_ = true;
+            return;
+          }
+          bool seen = false;
+          for (auto& g : group_) seen = seen || ValueTraits<V>::key(g) == ValueTraits<V>::key(value);
+          if (!seen) group_.push_back(std::move(value));
+        }
+      }
+    }
+
+    const Table* table_ = nullptr;
+    bool done_ = true;
+    bool started_ = false;
+    std::uint32_t last_ = 0;
+    std::vector<V> group_;
+    std::size_t at_ = 0;
+  };
+  Iterator begin() const { return Iterator(this); }
+  Iterator end() const { return Iterator(); }
+
+ protected:
+  // A local table has no name of its own; its counters are shared.
+  Table(std::string name, const Options& options, bool local)
+      : name_(local ? std::move(name) : checked(std::move(name))),
+        handler_(options.corruptionHandler),
+        counters_(local ? std::string("memtab.local") : "memtab." + name_) {}
+
+  static std::string checked(std::string name) {
+    validateTableName(name);
+    return name;
+  }
+
+  static Shm::Verdict matchKey(void* context, std::vector<std::uint8_t>& image,
+                               std::uint32_t length, std::string* why) {
+    const Key* key = static_cast<const Key*>(context);
+    V v;
+    if (!detail::decode(image, length, &v, why)) return Shm::Verdict::invalid;
+    return ValueTraits<V>::key(v) == *key ? Shm::Verdict::match : Shm::Verdict::noMatch;
+  }
+
+  // The mapped segment, or null while there is none.
+  virtual Shm::View* view() const = 0;
+
+  bool find(const Key& key, V* out) const {
+    Shm::View* v = view();
+    if (v == nullptr) return false;
+    struct Context {
+      const Key* key;
+      V* out;
+    } context{&key, out};
+    auto match = [](void* c, std::vector<std::uint8_t>& image, std::uint32_t length,
+                    std::string* why) {
+      auto* ctx = static_cast<Context*>(c);
+      if (!detail::decode(image, length, ctx->out, why)) return Shm::Verdict::invalid;
+      return ValueTraits<V>::key(*ctx->out) == *ctx->key ? Shm::Verdict::match
+                                                         : Shm::Verdict::noMatch;
+    };
+    std::string why;
+    switch (v->find(detail::hashOf<V>(key), match, &context, &why)) {
+      case Shm::View::Found::yes: return true;
+      case Shm::View::Found::no: return false;
+      case Shm::View::Found::corrupt: reportCorruption(why); return false;
+    }
+    return false;
+  }
+
+  void reportCorruption(const std::string& why) const {
+    counters_.corruption.increment();
+    std::string message = "memtab table " + name_ + ": " + why;
+    if (handler_) {
+      handler_(message);
+    } else {
+      std::fprintf(stderr, "%s\n", message.c_str());
+    }
+  }
+  Shm::CorruptionReport reporter() const {
+    return [this](const std::string& m) {
+      counters_.corruption.increment();
+      if (handler_) {
+        handler_(m);
+      } else {
+        std::fprintf(stderr, "%s\n", m.c_str());
+      }
+    };
+  }
+
+  std::string name_;
+  std::function<void(const std::string&)> handler_;
+  detail::Counters counters_;
+};
+
+namespace detail {
+
+// The writing side, over a shared segment (Writer) or private memory
+// (LocalTable).
+template <TableValue V>
+class WritableTable : public Table<V> {
+ public:
+  using Key = KeyOf<V>;
+
+  // Inserts `value` under its key or overwrites what is there. Returns false
+  // (and notifies nobody) when the stored image is already identical.
+  bool insert(const V& value) {
+    const bool changed = store(value, false);
+    if (changed) this->counters_.insert.increment();
+    return changed;
+  }
+  // Removes `key`; false when it was absent.
+  bool del(const Key& key) {
+    std::uint32_t oldLength = 0;
+    const Key k = key;  // `key` may live in the entry being removed
+    if (!store_->erase(detail::hashOf<V>(k), &Table<V>::matchKey, const_cast<Key*>(&k),
+                       &old_, &oldLength)) {
+      return false;
+    }
+    this->counters_.del.increment();
+    edits_.erase(k);
+    changed(Shm::RingKind::key, old_.data(), oldLength, &k);
+    return true;
+  }
+  void delAll() {
+    store_->clear();
+    edits_.clear();
+    this->counters_.delAll.increment();
+    changed(Shm::RingKind::table, nullptr, 0, nullptr);
+  }
+  // A working copy of the value stored under `key`, to be edited in place
+  // and published with commit(); null when the key is absent. The copy
+  // stays valid until it is committed or its key is deleted.
+  V* edit(const Key& key) {
+    V v;
+    if (!Table<V>::find(key, &v)) return nullptr;
+    auto [it, inserted] = edits_.insert_or_assign(key, std::move(v));
+    return &it->second;
+  }
+  // Direct commit: publishes `value` (typically from edit()) under its key
+  // and notifies, even when the image is unchanged.
+  void commit(const V* value) {
+    COG_ASSERT(value != nullptr);
+    store(*value, true);
+    this->counters_.commit.increment();
+    const Key k = ValueTraits<V>::key(*value);
+    edits_.erase(k);
+  }
+  // Makes room for `entries` entries at once.
+  void reserve(std::size_t entries) { store_->reserve(entries); }
+
+  void notifieeIs(Notifiee<Key>* notifiee) { notifiee_ = notifiee; }
+
+  // Bytes the table uses: header, change ring, bucket array and records.
+  std::uint64_t usedBytes() const { return store_->usedBytes(); }
+  std::uint64_t resizes() const { return store_->resizes(); }
+
+ protected:
+  WritableTable(std::string name, const Options& options, bool local)
+      : Table<V>(std::move(name), options, local) {}
+
+  Shm::View* view() const override { return store_.get(); }
+
+  bool store(const V& value, bool force) {
+    const std::size_t length = value.serializeLen();
+    if (length > Shm::kMaxImageBytes) {
+      throw Cog::RangeException("memtab table " + this->name_ + ": value image of " +
+                                std::to_string(length) + " bytes is too large");
+    }
+    image_.resize(length);
+    value.serialize(image_.data());
+    const Key k = ValueTraits<V>::key(value);
+    auto r = store_->upsert(detail::hashOf<V>(k), image_.data(), static_cast<std::uint32_t>(length),
+                            force, &Table<V>::matchKey, const_cast<Key*>(&k));
+    if (r == Shm::Store::Upsert::unchanged) return false;
+    changed(Shm::RingKind::key, image_.data(), static_cast<std::uint32_t>(length), &k);
+    return true;
+  }
+
+  virtual void changed(Shm::RingKind kind, const std::uint8_t* image, std::uint32_t length,
+                       const Key* key) {
+    if (notifiee_ == nullptr) return;
+    if (key != nullptr) {
+      notifiee_->onKey(*key);
+    } else {
+      notifiee_->onTable();
+    }
+  }
+
+  std::unique_ptr<Shm::Store> store_;
+  std::vector<std::uint8_t> image_;
+  std::vector<std::uint8_t> old_;
+  std::unordered_map<Key, V, typename Table<V>::KeyHash> edits_;
+  Notifiee<Key>* notifiee_ = nullptr;
+};
+
+}  // namespace detail
+
+// The one writer of a shared table.
+template <TableValue V>
+class Writer : public detail::WritableTable<V> {
+ public:
+  using Key = KeyOf<V>;
+
+  // Creates table `name` or re-attaches to it (checking and repairing it).
+  // Throws Cog::RangeException for a bad name or when the segment cannot be
+  // made, Cog::NameInUseException when another process is its writer or it
+  // holds another value type.
+  explicit Writer(std::string name, Options options = {})
+      : detail::WritableTable<V>(std::move(name), options, false) {
+    Shm::StoreConfig config;
+    config.name = this->name_;
+    config.typeTag = detail::typeTag(ValueTraits<V>::typeName());
+    config.ringBytes = options.ringBytes;
+    config.initialCapacity = options.capacity;
+    config.group = detail::groupId(options.group);
+    config.mode = options.mode | (options.group.empty() ? 0 : S_IRGRP);
+    detail::Codec<V> codec;
+    this->store_ = Shm::Store::open(config, codec, this->reporter());
+    links_ = std::make_unique<Shm::ReaderLinks>(this->name_, config.group);
+    // Lets waiting readers know the writer is ready.
+    this->store_->touch();
+  }
+
+  // Readable when readers come or go; call serviceReaders() then. Writes
+  // also service readers now and then, so an agent that never polls this
+  // still serves its readers, only later.
+  int fd() const { return links_->fd(); }
+  void serviceReaders() { links_->service(); }
+  std::size_t readers() const { return links_->readers(); }
+
+ private:
+  void changed(Shm::RingKind kind, const std::uint8_t* image, std::uint32_t length,
+               const Key* key) override {
+    this->store_->publish(kind, image, length);
+    links_->ring();
+    if ((++ops_ & 1023) == 0) links_->service();
+    detail::WritableTable<V>::changed(kind, image, length, key);
+  }
+
+  std::unique_ptr<Shm::ReaderLinks> links_;
+  std::uint64_t ops_ = 0;
+};
+
+// A table with the same interface in process-private memory.
+template <TableValue V>
+class LocalTable : public detail::WritableTable<V> {
+ public:
+  explicit LocalTable(Options options = {})
+      : detail::WritableTable<V>("local", options, true) {
+    Shm::StoreConfig config;
+    config.ringBytes = 0;
+    config.initialCapacity = options.capacity;
+    this->store_ = Shm::Store::local(config);
+  }
+};
+
+// A reader of a shared table, in any process.
+template <TableValue V>
+class Reader : public Table<V> {
+ public:
+  using Key = KeyOf<V>;
+
+  // Maps table `name` if it exists; otherwise the reader is unmounted until
+  // the table appears (which processNotifications() takes in).
+  explicit Reader(std::string name, Options options = {})
+      : Table<V>(std::move(name), options, false) {
+    mount_ = std::make_unique<Shm::Mount>(this->name_, detail::typeTag(ValueTraits<V>::typeName()),
+                                          this->reporter());
+    mount_->update(true);
+    // The first processNotifications() announces the initial state.
+    mount_->wake();
+  }
+
+  int fd() const { return mount_->fd(); }
+  MountStatus mountStatus() const { return mount_->status(); }
+
+  // Delivers what happened since the last call; see the header comment.
+  // Never blocks.
+  void processNotifications(Notifiee<Key>& notifiee) {
+    const MountStatus before = mount_->status();
+    auto u = mount_->update(false);
+    bool table = u.contentsNew || (before != MountStatus::unmounted &&
+                                   mount_->status() == MountStatus::unmounted);
+    if (!announced_) {
+      announced_ = true;
+      u.statusChanged = u.statusChanged || mount_->status() != MountStatus::unmounted;
+      table = table || mount_->status() != MountStatus::unmounted;
+    }
+    pending_.clear();
+    pendingSet_.clear();
+    if (Shm::View* v = mount_->view()) {
+      std::string why;
+      struct Context {
+        Reader* self;
+        bool* table;
+      } context{this, &table};
+      auto visit = [](void* c, Shm::RingKind kind, std::vector<std::uint8_t>& image,
+                      std::uint32_t length, std::string* why) {
+        auto* ctx = static_cast<Context*>(c);
+        if (kind == Shm::RingKind::table) {
+          *ctx->table = true;
+          ctx->self->pending_.clear();
+          ctx->self->pendingSet_.clear();
+          return true;
+        }
+        V value;
+        if (!detail::decode(image, length, &value, why)) return false;
+        Key k = ValueTraits<V>::key(value);
+        if (ctx->self->pendingSet_.insert(k).second) ctx->self->pending_.push_back(std::move(k));
+        return true;
+      };
+      if (!v->readRing(mount_->ringPosition(), visit, &context, &why)) {
+        if (!why.empty()) this->reportCorruption(why);
+        this->counters_.fellBehind.increment();
+        table = true;
+        pending_.clear();
+      }
+    }
+    if (u.statusChanged) notifiee.onMountStatus(mount_->status());
+    if (table) notifiee.onTable();
+    for (const Key& k : pending_) {
+      this->counters_.notify.increment();
+      notifiee.onKey(k);
+    }
+    mount_->arm();
+  }
+
+ private:
+  Shm::View* view() const override { return mount_->view(); }
+
+  std::unique_ptr<Shm::Mount> mount_;
+  bool announced_ = false;
+  std::vector<Key> pending_;
+  std::unordered_set<Key, typename Table<V>::KeyHash> pendingSet_;
+};
+
+}  // namespace Memtab
