@@ -33,6 +33,10 @@ struct EnumTraits<AddressFamily> {
   }};
 };
 
+// The enumeration's Cog type record (registered when the library loads);
+// also the hook by which generated code and reflection find it.
+const Cog::EnumType* cogEnumType(AddressFamily);
+
 inline AddressFamily AddressFamilyInstance(unsigned v) { return enumInstance<AddressFamily>(v); }
 inline AddressFamily AddressFamilyInstance(const Cog::String& name) {
   return enumInstance<AddressFamily>(std::string_view(name));

@@ -15,7 +15,9 @@
 // "<Type> value <n> is not an enumerator of <Type>"), enumInstance<E>(name)
 // (ParseException naming the unknown text) and enumInstance<E>(In*) (reads a
 // 32-bit word, then as from a number). Each enumeration header adds the
-// conventional spellings EInstance(...) for these.
+// conventional spellings EInstance(...) for these, and declares
+// cogEnumType(E), the enumeration's Cog::EnumType record (Enum.cpp), through
+// which generated types embed it as an attribute and reflection reaches it.
 //
 // Order and equality are the built-in ones: by numeric value.
 #pragma once
@@ -31,6 +33,10 @@
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
 #include "Cog/String.h"
+
+namespace Cog {
+class EnumType;
+}
 
 namespace Velnet {
 

@@ -48,6 +48,10 @@ struct EnumTraits<IanaCryptoSuite> {
   }};
 };
 
+// The enumeration's Cog type record (registered when the library loads);
+// also the hook by which generated code and reflection find it.
+const Cog::EnumType* cogEnumType(IanaCryptoSuite);
+
 inline IanaCryptoSuite IanaCryptoSuiteInstance(unsigned v) { return enumInstance<IanaCryptoSuite>(v); }
 inline IanaCryptoSuite IanaCryptoSuiteInstance(const Cog::String& name) {
   return enumInstance<IanaCryptoSuite>(std::string_view(name));

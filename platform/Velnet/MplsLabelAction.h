@@ -37,6 +37,10 @@ struct EnumTraits<MplsLabelAction> {
   }};
 };
 
+// The enumeration's Cog type record (registered when the library loads);
+// also the hook by which generated code and reflection find it.
+const Cog::EnumType* cogEnumType(MplsLabelAction);
+
 inline MplsLabelAction MplsLabelActionInstance(unsigned v) { return enumInstance<MplsLabelAction>(v); }
 inline MplsLabelAction MplsLabelActionInstance(const Cog::String& name) {
   return enumInstance<MplsLabelAction>(std::string_view(name));

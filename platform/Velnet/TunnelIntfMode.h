@@ -39,6 +39,10 @@ struct EnumTraits<TunnelIntfMode> {
   }};
 };
 
+// The enumeration's Cog type record (registered when the library loads);
+// also the hook by which generated code and reflection find it.
+const Cog::EnumType* cogEnumType(TunnelIntfMode);
+
 inline TunnelIntfMode TunnelIntfModeInstance(unsigned v) { return enumInstance<TunnelIntfMode>(v); }
 inline TunnelIntfMode TunnelIntfModeInstance(const Cog::String& name) {
   return enumInstance<TunnelIntfMode>(std::string_view(name));

@@ -3,6 +3,9 @@
 #include <sstream>
 
 #include "Cog/Exception.h"
+#include "Cog/GenericIf.h"
+#include "Cog/Type.h"
+#include "Cog/ValueTraits.h"
 #include "Velnet/AddressFamily.h"
 #include "Velnet/IanaCryptoSuite.h"
 #include "Velnet/MplsLabelAction.h"
@@ -59,6 +62,30 @@ TYPED_TEST(VelnetEnumTest, RoundTripsAndRefusals) {
   E parsed{};
   EXPECT_THROW(sequenceToValue(it, empty.end(), &parsed), Cog::ParseException);
   EXPECT_EQ(it, empty.begin());
+}
+
+// Generated types embed these enumerations through the framework's records:
+// the record, the framework's text and log forms and ours must agree.
+TYPED_TEST(VelnetEnumTest, FrameworkRecordAgrees) {
+  using E = TypeParam;
+  static_assert(Cog::CogEnum<E>);
+  const Cog::CogType* type = Cog::typeByName(EnumTraits<E>::typeName);
+  ASSERT_NE(type, nullptr);
+  EXPECT_EQ(type, cogEnumType(E()));
+  EXPECT_EQ(type->kind(), Cog::TypeKind::enumeration);
+  for (const auto& entry : EnumTraits<E>::entries) {
+    std::string text;
+    Cog::ValueTraits<E>::strep(text, entry.value);
+    EXPECT_EQ(text, entry.name);
+    auto it = text.cbegin();
+    EXPECT_EQ(Cog::ValueTraits<E>::parse(it, text.cend()), entry.value);
+    auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+    Cog::ValueTraits<E>::put(out, entry.value);
+    Cog::NboAttrLog::In in(out->bytes());
+    EXPECT_EQ(enumInstance<E>(&in), entry.value);
+    EXPECT_EQ(Cog::genericCast<E>(type->fromStrRep(Cog::String(entry.name))), entry.value);
+  }
+  EXPECT_EQ(type->samples().size(), EnumTraits<E>::entries.size());
 }
 
 TEST(VelnetEnum, ConventionalSpellings) {

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <vector>
 
+#include "Cog/ValueTraits.h"
 #include "Tunnel/TunnelId.h"
 #include "Velnet/EthAddr.h"
 #include "Velnet/Ip6Prefix.h"
@@ -117,6 +118,7 @@ using Types = ::testing::Types<Ip6Addr, IpGenAddr, Ip6Prefix, IpGenPrefix, IntfI
 TYPED_TEST_SUITE(ValueFrame, Types);
 
 TYPED_TEST(ValueFrame, TextRoundTripStopsAtItsEnd) {
+  static_assert(Cog::FrameValue<TypeParam>, "embeddable as an attribute of generated types");
   for (const TypeParam& v : this->values()) {
     Cog::String text = valueToStrep(v);
     std::ostringstream os;
