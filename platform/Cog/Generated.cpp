@@ -39,4 +39,12 @@ void StrepReader::done() {
   if (!single_) Parse::expect(it_, end_, "})");
 }
 
+void reinstantiating(const std::string& fullName, const char* param, const std::string& requested,
+                     const std::string& present) {
+  throw NameInUseException("Reinstantiating the entity with fullName " + fullName +
+                           " where constructor parameter attribute '" + param +
+                           "' has a different value of " + requested +
+                           " than the current value of " + present + " not allowed");
+}
+
 }  // namespace Cog::Glue

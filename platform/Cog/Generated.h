@@ -13,6 +13,10 @@
 #include <vector>
 
 #include "Cog/Assert.h"
+#include "Cog/Dir.h"
+#include "Cog/Entity.h"
+#include "Cog/NboAttrLogSa.h"
+#include "Cog/Trace.h"
 #include "Cog/DynArray.h"
 #include "Cog/Exception.h"
 #include "Cog/GenericIf.h"
@@ -131,6 +135,66 @@ void sampleEach(std::vector<T>* out, std::vector<Ptr<GenericIf>> (*values)(),
 template <typename A>
 std::vector<Ptr<GenericIf>> samplesOf() {
   return TypeOf<A>::type()->samples();
+}
+
+// The attribute-log form of a key (per-key dirty marks) and back.
+template <typename K>
+AttrLogKey attrLogKeyOf(const K& key) {
+  auto out = allocate<NboAttrLog::Out>();
+  ValueTraits<K>::put(out, key);
+  return AttrLogKey(out->bytes().begin(), out->bytes().end());
+}
+template <typename K>
+K keyFromAttrLog(const AttrLogKey& bytes) {
+  NboAttrLog::In in(std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
+  return ValueTraits<K>::next(&in);
+}
+
+// The entity held by a reflected value, as Ptr<E> (E may be const: a
+// read-only handle converts only to Ptr<const E>). Null stays null.
+template <typename E>
+Ptr<E> genericEntityCast(const Ptr<GenericIf>& value, const char* what) {
+  using U = std::remove_const_t<E>;
+  if (!value) return nullptr;
+  const U* p = value->as<U>();
+  if (p == nullptr) {
+    throw RangeException(std::string(what) + " is a " + value->type()->name() + ", not a " +
+                         TypeOf<U>::type()->name());
+  }
+  if (!std::is_const_v<E> && value->isConst()) readOnly(what);
+  return Ptr<E>(const_cast<U*>(p));
+}
+
+// NameInUseException of an instantiating collection asked for an existing
+// member with a different constructor parameter.
+[[noreturn]] void reinstantiating(const std::string& fullName, const char* param,
+                                  const std::string& requested, const std::string& present);
+
+template <typename E>
+Ptr<GenericIf> entityIf(E* entity) {
+  return genericIfOf(Ptr<E>(entity));
+}
+
+// A generic notifiee of entity type T: T::GenericIfNotifiee_ reports every
+// onX() as onRawAttribute(id), which calls `onAttribute`.
+template <typename N, typename T>
+Ptr<PtrInterface> makeGenericIfNotifiee(const PtrInterface* entity,
+                                        std::function<void(AttributeId)> onAttribute) {
+  auto n = allocate<N>(std::move(onAttribute));
+  n->notifierIs(Ptr<const PtrInterface>(static_cast<const T*>(entity)));
+  return Ptr<PtrInterface>(n.ptr());
+}
+
+template <typename T>
+Ptr<PtrInterface> makeAttrLogSa(PtrInterface* entity, std::uint32_t flags,
+                                const Ptr<NboAttrLog::Out>& out) {
+  return Ptr<PtrInterface>(static_cast<T*>(entity)->cogNboAttrLogSaIs(flags, 0, out).ptr());
+}
+
+template <typename T>
+Ptr<PtrInterface> newEntityForAttrLog(const Ptr<NboAttrLog::In>& in, std::uint32_t flags,
+                                      unsigned version) {
+  return Ptr<PtrInterface>(T::newEntityForAttrLog(in, flags, version).ptr());
 }
 
 }  // namespace Cog::Glue

@@ -93,6 +93,12 @@ class GenericIf : public PtrInterface {
   template <typename T>
   const T* as() const;
 
+  // The held entity (values: nullptr), for the entity hooks of its type's
+  // glue (genericIfNotifiee, attrLogSa).
+  const PtrInterface* entityPtr() const {
+    return type()->isEntity() ? static_cast<const PtrInterface*>(object()) : nullptr;
+  }
+
   // Runs one attribute operation through the glue of the type that owns
   // `index`, falling back to the base types.
   void attributeOp(AttributeOp::Kind kind, unsigned index, void* argument, void* result) const;

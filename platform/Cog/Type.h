@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -104,6 +105,18 @@ struct TypeGlue {
   std::vector<Ptr<GenericIf>> (*samples)() = nullptr;
   // Reads one value in its attribute-log form; nullptr for entities.
   Ptr<GenericIf> (*fromAttrLog)(NboAttrLog::In* in) = nullptr;
+  // Entities: a notifiee (T::GenericIfNotifiee_) on `entity` that reports
+  // every change by attribute id; it stays registered while the returned
+  // handle lives.
+  Ptr<PtrInterface> (*genericIfNotifiee)(const PtrInterface* entity,
+                                         std::function<void(AttributeId)> onAttribute) = nullptr;
+  // Entities: the attribute-log adapter (T::CogNboAttrLogSa) of `entity`.
+  Ptr<PtrInterface> (*attrLogSa)(PtrInterface* entity, std::uint32_t flags,
+                                 const Ptr<NboAttrLog::Out>& out) = nullptr;
+  // Entities: an instance made from the constructor parameters of an
+  // instantiation header (after its type name).
+  Ptr<PtrInterface> (*newEntityForAttrLog)(const Ptr<NboAttrLog::In>& in, std::uint32_t flags,
+                                           unsigned version) = nullptr;
 };
 
 class CogType {

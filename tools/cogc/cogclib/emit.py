@@ -66,6 +66,52 @@ def signature(m, qualified=None):
     return s
 
 
+def lcfirst(s):
+    return s[0].lower() + s[1:]
+
+
+def notifies(m):
+    return m.kind in ("attr", "collection", "owned")
+
+
+def on_params(m):
+    """Parameter list of the notification onX(...) of member m."""
+    if m.kind != "collection":
+        return ""
+    if m.collection == "array":
+        return "std::uint64_t index"
+    return "%s key" % arg(m.key)
+
+
+def key_arg(m):
+    return "std::uint64_t" if m.collection == "array" else arg(m.key)
+
+
+def key_cpp(m):
+    return "std::uint64_t" if m.collection == "array" else cpp(m.key)
+
+
+def entity_value(m):
+    """The entity type held by an instantiating collection, or None."""
+    if m.kind == "collection" and m.type is not None and m.type.is_entityish():
+        return m.type
+    return None
+
+
+def handlers(r):
+    """(handler name, input member, reacted member) of a reactor's inputs,
+    minus those the schema declares itself."""
+    declared = {m.name for m in r.members if m.kind == "func"}
+    out = []
+    for m in r.members:
+        if m.kind != "input":
+            continue
+        for x in m.reacts:
+            name = "handle" + x.cap
+            out.append((name, m, x, name not in declared))
+    return out
+
+
 def topo(records):
     """Records in an order where each comes after what it embeds by value
     and after its base; declaration order otherwise."""
@@ -110,6 +156,9 @@ class Emitter:
             undefined=jinja2.StrictUndefined)
         self.env.filters.update(cpp=cpp, arg=arg, ret=ret, container=container,
                                 type_fn=type_fn)
+        self.env.filters.update(lcfirst=lcfirst, on_params=on_params, key_arg=key_arg,
+                                key_cpp=key_cpp)
+        self.env.globals.update(notifies=notifies, entity_value=entity_value, handlers=handlers)
         self.env.globals.update(signature=signature, ns_open=ns_open, ns_close=ns_close,
                                 isinstance=isinstance, Record=Record, Enum=Enum,
                                 Builtin=Builtin, Extern=Extern,
