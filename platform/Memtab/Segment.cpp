@@ -221,6 +221,11 @@ View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std::vector
   return Copy::ok;
 }
 
+bool View::replaced(std::uint64_t indexWord) const {
+  std::atomic_thread_fence(std::memory_order_acquire);
+  return header()->index.load(std::memory_order_relaxed) != indexWord;
+}
+
 View::Found View::find(std::uint32_t hash, Matcher match, void* context, std::string* why) {
   refresh();
   bool ignoreOdd = false;
@@ -269,11 +274,21 @@ View::Found View::find(std::uint32_t hash, Matcher match, void* context, std::st
         break;
       }
       if (c == Copy::bad) {
+        if (!trust && replaced(iw)) {
+          retry = true;
+          break;
+        }
         *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
         return Found::corrupt;
       }
       std::string detail;
       Verdict v = match(context, scratch_, len, &detail);
+      if (v != Verdict::noMatch && !trust && replaced(iw)) {
+        // Read through a bucket array the writer has replaced (and perhaps
+        // reused): neither answer counts.
+        retry = true;
+        break;
+      }
       if (v == Verdict::match) return Found::yes;
       if (v == Verdict::invalid) {
         *why = "record at offset " + std::to_string(bucketRecord(w)) + ": " + detail;
@@ -334,6 +349,10 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
       }
       std::uint32_t h = bucketHash(w);
       if (++seen > 2 * (kMaxDisplacement + 1)) {
+        if (!trust && replaced(iw)) {
+          retry = true;
+          break;
+        }
         *why = "run of buckets near " + std::to_string(pos) + " is longer than any table makes";
         return Step::corrupt;
       }
@@ -345,6 +364,10 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
           break;
         }
         if (nb == kMaxBlocks) {
+          if (!trust && replaced(iw)) {
+            retry = true;
+            break;
+          }
           *why = "run of buckets near " + std::to_string(pos) + " is longer than any table makes";
           return Step::corrupt;
         }
@@ -373,6 +396,10 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
         break;
       }
       if (c == Copy::bad) {
+        if (!trust && replaced(iw)) {
+          retry = true;
+          break;
+        }
         *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
         return Step::corrupt;
       }

@@ -124,6 +124,8 @@ class View {
   Copy copyRecord(std::uint64_t bucketAt, std::uint64_t word, std::vector<std::uint8_t>& into,
                   std::uint32_t* length, bool trustOdd);
   bool backOff(unsigned attempt, bool* ignoreOdd);
+  // The writer has published another bucket array since `indexWord`.
+  bool replaced(std::uint64_t indexWord) const;
 
   int fd_ = -1;
   ino_t inode_ = 0;

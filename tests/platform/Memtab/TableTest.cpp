@@ -215,6 +215,7 @@ TEST(MemtabTable, ReadersMapTheSegmentReadOnly) {
   }
   int status = 0;
   waitpid(child, &status, 0);
+  shm_unlink(("/activity." + std::to_string(child)).c_str());
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
