@@ -6,9 +6,11 @@
 // write the per-scan level-3 trace. The fast loop reaches the same weights by
 // a different route, see growFast.
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include <boost/math/special_functions/relative_difference.hpp>
@@ -38,15 +40,6 @@ namespace {
 // by more than ten machine epsilons (relatively) must grow. NaN never must.
 inline bool underServed(double oversub, double floor) {
   return floor > oversub && boost::math::epsilon_difference(oversub, floor) > 10;
-}
-
-// The under-served test of an entry with weight `weight` and ideal share
-// `optimalRatio` at running total `total`, with the very expressions of the
-// reference scan: both loops must round identically.
-inline bool underServedAt(uint32_t weight, uint64_t total, double optimalRatio, double floor) {
-  const double weightRatio = weight / static_cast<double>(total);
-  const double oversub = weightRatio / optimalRatio;
-  return underServed(oversub, floor);
 }
 
 struct Rebase {
@@ -140,33 +133,73 @@ void growReference(Rebase& r) {
 
 constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
 
-// The smallest running total in [lo, hi] at which an entry of weight `weight`
-// and share `optimalRatio` is under-served, or kNever. Requires the test to be
-// monotone in the total (false, then true for good). A closed-form guess puts
-// the search next to the boundary; the boundary itself is always settled by
-// the exact test, so rounding in the guess costs evaluations, never accuracy.
-uint64_t dueTotal(uint32_t weight, double optimalRatio, double floor, double cutoff,
-                  uint64_t lo, uint64_t hi) {
-  auto due = [&](uint64_t total) { return underServedAt(weight, total, optimalRatio, floor); };
-  // Under-served roughly when weight / (total * optimalRatio) < cutoff.
-  const double x = weight / (optimalRatio * cutoff);
-  uint64_t guess;
-  if (!(x < static_cast<double>(hi)))  // also NaN
-    guess = hi;
-  else if (x < static_cast<double>(lo))
-    guess = lo;
-  else
-    guess = std::min(static_cast<uint64_t>(x) + 1, hi);
+// The largest oversub that is under-served at `floor`, so that for every
+// double a: underServed(a, floor) == (a <= cut). Holds as long as no share is
+// negative when the floor is 0 (growFast runs the reference loop otherwise):
+//   - floor > 0: a negative (or -0, or -inf) oversub is always under-served;
+//     on [0, floor) the relative distance to the floor, and so the epsilon
+//     difference, only shrinks as a grows, every rounded step being monotone;
+//     from the floor up nothing is. So the under-served set is [-inf, cut].
+//   - floor 0: only -inf is (a share of -0); NaN never is.
+// `cut` is found by the test itself, next to floor / (1 + 10 eps), by a
+// search over the ordered bit patterns of the non-negative doubles.
+double overSubCut(double floor) {
+  if (floor == 0.0) return -std::numeric_limits<double>::infinity();
+  auto bits = [](double d) { return std::bit_cast<uint64_t>(d); };
+  auto value = [](uint64_t b) { return std::bit_cast<double>(b); };
+  auto served = [&](uint64_t b) { return !underServed(value(b), floor); };
+  // Bits of 0.0 are under-served (the floor is positive), those of the floor are not.
+  uint64_t yes = 0;
+  uint64_t no = bits(floor);
+  const uint64_t guess = bits(floor / (1.0 + 10.0 * std::numeric_limits<double>::epsilon()));
+  if (guess > yes && guess < no) {
+    if (served(guess)) {
+      no = guess;
+      for (uint64_t step = 1; no - yes > step; step *= 2) {
+        if (!served(no - step)) {
+          yes = no - step;
+          break;
+        }
+        no -= step;
+      }
+    } else {
+      yes = guess;
+      for (uint64_t step = 1; no - yes > step; step *= 2) {
+        if (served(yes + step)) {
+          no = yes + step;
+          break;
+        }
+        yes += step;
+      }
+    }
+  }
+  while (no - yes > 1) {
+    const uint64_t mid = yes + (no - yes) / 2;
+    (served(mid) ? no : yes) = mid;
+  }
+  return value(yes);
+}
 
-  uint64_t notYet;  // a total known not to be due (or lo - 1, never evaluated)
-  uint64_t already; // a total known to be due
-  if (due(guess)) {
-    if (guess == lo) return lo;
-    already = guess;
-    uint64_t step = 1;
-    for (;;) {
+// The under-served test of the reference scan, as a comparison with the cut:
+// the same two roundings (weight / total, then / optimalRatio), one compare.
+inline bool dueAt(uint32_t weight, uint64_t total, double optimalRatio, double cut) {
+  const double weightRatio = weight / static_cast<double>(total);
+  const double oversub = weightRatio / optimalRatio;
+  return oversub <= cut;
+}
+
+// The smallest running total in [lo, hi] at which an entry of weight `weight`
+// and share `optimalRatio` is under-served, or kNever, when the guess was off:
+// `known` is a total known to be due (`down`) or known not to be.
+[[gnu::noinline]] uint64_t dueTotalSearch(uint32_t weight, double optimalRatio, double cut,
+                                          uint64_t lo, uint64_t hi, uint64_t known, bool down) {
+  auto due = [&](uint64_t total) { return dueAt(weight, total, optimalRatio, cut); };
+  uint64_t notYet = known;   // a total known not to be due
+  uint64_t already = known;  // a total known to be due
+  if (down) {
+    for (uint64_t step = 1;; step *= 2) {
       if (already == lo) return lo;
-      if (already - lo < step) {
+      if (already - lo <= step) {
         if (due(lo)) return lo;
         notYet = lo;
         break;
@@ -177,12 +210,9 @@ uint64_t dueTotal(uint32_t weight, double optimalRatio, double floor, double cut
         break;
       }
       already = probe;
-      step *= 2;
     }
   } else {
-    notYet = guess;
-    uint64_t step = 1;
-    for (;;) {
+    for (uint64_t step = 1;; step *= 2) {
       if (notYet == hi) return kNever;
       if (hi - notYet <= step) {
         if (!due(hi)) return kNever;
@@ -195,7 +225,6 @@ uint64_t dueTotal(uint32_t weight, double optimalRatio, double floor, double cut
         break;
       }
       notYet = probe;
-      step *= 2;
     }
   }
   while (already - notYet > 1) {
@@ -205,49 +234,136 @@ uint64_t dueTotal(uint32_t weight, double optimalRatio, double floor, double cut
   return already;
 }
 
-// The first sorted position whose due total has come: a minimum tree over the
-// due totals of the positions, leaves in sorted order.
-class DueTree {
+// The smallest running total in [lo, hi] at which an entry of weight `weight`
+// and share `optimalRatio` is under-served, or kNever. The test is monotone
+// in the total at a fixed weight (false, then true for good). A closed-form
+// guess, weight x `perWeight` with perWeight = 1 / (optimalRatio x cut), puts
+// the search next to the boundary; the boundary itself is always settled by
+// the exact test on both of its sides, so rounding in the guess costs
+// evaluations, never accuracy. The guess is almost always right.
+inline uint64_t dueTotal(uint32_t weight, double optimalRatio, double perWeight, double cut,
+                         uint64_t lo, uint64_t hi) {
+  const double x = weight * perWeight;
+  uint64_t guess;
+  if (!(x < static_cast<double>(hi)))  // also NaN
+    guess = hi;
+  else if (x < static_cast<double>(lo))
+    guess = lo;
+  else
+    guess = std::min(static_cast<uint64_t>(x) + 1, hi);
+  if (guess == lo) {
+    if (dueAt(weight, lo, optimalRatio, cut)) return lo;
+    return dueTotalSearch(weight, optimalRatio, cut, lo, hi, lo, false);
+  }
+  // Both sides at once: the two tests are independent and overlap.
+  const bool before = dueAt(weight, guess - 1, optimalRatio, cut);
+  const bool at = dueAt(weight, guess, optimalRatio, cut);
+  if (at && !before) return guess;
+  return at ? dueTotalSearch(weight, optimalRatio, cut, lo, hi, guess - 1, true)
+            : dueTotalSearch(weight, optimalRatio, cut, lo, hi, guess, false);
+}
+
+// Due totals filed by the running total at which they fall due, and the set
+// of positions due now. The total only ever grows by one, so a ring of W
+// buckets holds what falls due within the next W totals; later ones wait in
+// a far list that is sorted into the ring each time the total reaches a
+// multiple of W (W >= n, so that costs at most one look per entry and
+// increment). The due set is a two-level bitset over sorted positions, whose
+// first set bit is the entry the reference scan would pick.
+class DueCalendar {
  public:
-  explicit DueTree(size_t n) : leaves_(1) {
-    while (leaves_ < n) leaves_ *= 2;
-    node_.assign(2 * leaves_, kNever);
+  DueCalendar(size_t n, uint64_t total)
+      : ring_(std::bit_ceil(std::max<size_t>(n, 64))),
+        head_(ring_, kNone),
+        next_(n, kNone),
+        word_((n + 63) / 64, 0),
+        summary_((word_.size() + 63) / 64, 0) {
+    far_.reserve(n);
   }
-  void set(size_t position, uint64_t dueTotal) {
-    size_t i = leaves_ + position;
-    node_[i] = dueTotal;
-    for (i /= 2; i >= 1; i /= 2) node_[i] = std::min(node_[2 * i], node_[2 * i + 1]);
+
+  // Files position k, due at `due`, when the running total is `total`.
+  void file(size_t k, uint64_t due, uint64_t total) {
+    if (due <= total) {
+      setDue(k);
+    } else if (due == kNever) {
+      // Its weight no longer changes, so it never falls due.
+    } else if (due - total <= ring_) {
+      toBucket(k, due);
+    } else {
+      far_.push_back({due, k});
+    }
   }
-  // Fills every leaf, then the inner nodes once.
-  void build(const std::vector<uint64_t>& dueTotals) {
-    std::copy(dueTotals.begin(), dueTotals.end(), node_.begin() + static_cast<ptrdiff_t>(leaves_));
-    for (size_t i = leaves_ - 1; i >= 1; --i) node_[i] = std::min(node_[2 * i], node_[2 * i + 1]);
+
+  // The running total has grown to `total`: what falls due at it joins the set.
+  void advanceTo(uint64_t total) {
+    const size_t b = static_cast<size_t>(total & (ring_ - 1));
+    for (size_t k = std::exchange(head_[b], kNone); k != kNone; k = next_[k]) setDue(k);
+    if (b != 0) return;
+    // Nothing in the far list was due before the ring could hold it.
+    size_t kept = 0;
+    for (const Far& f : far_) {
+      if (f.due - total <= ring_)
+        toBucket(f.position, f.due);
+      else
+        far_[kept++] = f;
+    }
+    far_.resize(kept);
   }
-  // The first position due at `total`, or npos.
-  size_t first(uint64_t total) const {
-    if (node_[1] > total) return npos;
-    size_t i = 1;
-    while (i < leaves_) i = node_[2 * i] <= total ? 2 * i : 2 * i + 1;
-    return i - leaves_;
+
+  // The first position due now, or npos.
+  size_t firstDue() const {
+    for (size_t s = 0; s < summary_.size(); ++s) {
+      if (summary_[s] == 0) continue;
+      const size_t w = s * 64 + static_cast<size_t>(std::countr_zero(summary_[s]));
+      return w * 64 + static_cast<size_t>(std::countr_zero(word_[w]));
+    }
+    return npos;
   }
+
+  void clearDue(size_t k) {
+    uint64_t& w = word_[k / 64];
+    w &= ~(uint64_t{1} << (k % 64));
+    if (w == 0) summary_[k / 4096] &= ~(uint64_t{1} << (k / 64 % 64));
+  }
+
   static constexpr size_t npos = static_cast<size_t>(-1);
 
  private:
-  size_t leaves_;
-  std::vector<uint64_t> node_;
+  static constexpr size_t kNone = static_cast<size_t>(-1);
+  struct Far {
+    uint64_t due;
+    size_t position;
+  };
+
+  void toBucket(size_t k, uint64_t due) {
+    const size_t b = static_cast<size_t>(due & (ring_ - 1));
+    next_[k] = head_[b];
+    head_[b] = k;
+  }
+
+  void setDue(size_t k) {
+    word_[k / 64] |= uint64_t{1} << (k % 64);
+    summary_[k / 4096] |= uint64_t{1} << (k / 64 % 64);
+  }
+
+  size_t ring_;               // a power of two
+  std::vector<size_t> head_;  // per bucket, the first position filed there
+  std::vector<size_t> next_;  // per position, the next one in its bucket
+  std::vector<Far> far_;
+  std::vector<uint64_t> word_;     // bit k: position k is due
+  std::vector<uint64_t> summary_;  // bit w: word w is not 0
 };
 
 // The growth loop without rescans. At a fixed weight, an entry's test can only
 // turn from false to true as the total grows: weight / total falls, so does
-// oversub, and the distance below the floor grows. So each entry has a due
-// total, the first total at which it is under-served, and the entry the
-// reference scan would pick is the first in sorted order whose due total has
-// come. Only the entry that grows changes its due total.
+// oversub (for a share that is not negative). So each entry has a due total,
+// the first total at which it is under-served, and the entry the reference
+// scan would pick is the first in sorted order whose due total has come. Only
+// the entry that grows changes its due total.
 //
-// The monotony needs a positive floor or no negative share: with floor 0 a
-// negative share is under-served only while its |oversub| is large, which
-// shrinks as the total grows. Such inputs (negative weights, deviation 1) run
-// the reference loop.
+// With floor 0 a negative share is under-served only while its |oversub| is
+// large, which shrinks as the total grows: inputs with negative weights and
+// deviation 1 run the reference loop.
 void growFast(Rebase& r) {
   if (budgetSpent(r)) return;
   if (r.floor == 0.0 && std::any_of(r.entries.begin(), r.entries.end(),
@@ -255,38 +371,53 @@ void growFast(Rebase& r) {
     growReference(r);
     return;
   }
-  const double cutoff = r.floor / (1.0 + 10.0 * std::numeric_limits<double>::epsilon());
+  const double cut = overSubCut(r.floor);
   const uint64_t hi = r.maxUcmp - 1;
   const size_t n = r.entries.size();
-  auto dueOf = [&](size_t k, uint64_t lo) {
-    return dueTotal(r.entries[k].weight, r.entries[k].optimalRatio, r.floor, cutoff, lo, hi);
+  auto perWeightOf = [&](const WeightEntry& e) { return 1.0 / (e.optimalRatio * cut); };
+  auto dueOf = [&](const WeightEntry& e, double perWeight) {
+    return dueTotal(e.weight, e.optimalRatio, perWeight, cut, r.total, hi);
   };
-  std::vector<uint64_t> due(n);
-  for (size_t k = 0; k < n; ++k) due[k] = dueOf(k, r.total);
 
-  // Few entries: a linear pass over the due totals beats the tree.
+  // Few entries: a linear pass over due totals kept on the stack beats the
+  // calendar and its allocations.
   constexpr size_t kLinear = 16;
   if (n <= kLinear) {
+    uint64_t due[kLinear];
+    double perWeight[kLinear];
+    for (size_t k = 0; k < n; ++k) {
+      perWeight[k] = perWeightOf(r.entries[k]);
+      due[k] = dueOf(r.entries[k], perWeight[k]);
+    }
     for (;;) {
       size_t k = 0;
       while (k < n && due[k] > r.total) ++k;
       if (k == n) return;
       ++r.entries[k].weight;
-      ++r.total;
-      if (budgetSpent(r)) return;
-      due[k] = dueOf(k, r.total);
+      if (++r.total >= r.maxUcmp) break;
+      due[k] = dueOf(r.entries[k], perWeight[k]);
+    }
+  } else {
+    std::vector<double> perWeight(n);
+    DueCalendar calendar(n, r.total);
+    for (size_t k = 0; k < n; ++k) {
+      perWeight[k] = perWeightOf(r.entries[k]);
+      calendar.file(k, dueOf(r.entries[k], perWeight[k]), r.total);
+    }
+    for (;;) {
+      const size_t k = calendar.firstDue();
+      if (k == DueCalendar::npos) return;
+      ++r.entries[k].weight;
+      if (++r.total >= r.maxUcmp) break;
+      calendar.advanceTo(r.total);
+      const uint64_t due = dueOf(r.entries[k], perWeight[k]);
+      if (due > r.total) {
+        calendar.clearDue(k);
+        calendar.file(k, due, r.total);
+      }
     }
   }
-  DueTree tree(n);
-  tree.build(due);
-  for (;;) {
-    const size_t k = tree.first(r.total);
-    if (k == DueTree::npos) return;
-    ++r.entries[k].weight;
-    ++r.total;
-    if (budgetSpent(r)) return;
-    tree.set(k, dueOf(k, r.total));
-  }
+  budgetSpent(r);
 }
 
 RebaseOutcome finish(const Rebase& r) {

@@ -1,0 +1,115 @@
+// The weight rebase: the reference growth loop against the fast loop, side by
+// side on the same inputs, with the ratio reference / fast per input at the
+// end of the run.
+//
+// Inputs: n next hops with weights drawn once from a fixed seed (uniform in
+// [1, 100), like mixed link bandwidths), budgets 64, 4096 and 65535, weight
+// deviations 0.0 (grow until every share is exact or the budget runs out) and
+// 0.05.
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "../ucmp/RebaseCore.h"
+
+namespace {
+
+using RoutingLib::detail::RebaseOutcome;
+using RebaseFn = RebaseOutcome (*)(std::vector<double>, uint64_t, float);
+
+std::vector<double> weightsFor(size_t n) {
+  std::mt19937_64 rng(0x5eed + n);
+  std::uniform_real_distribution<double> dist(1.0, 100.0);
+  std::vector<double> w(n);
+  for (double& x : w) x = dist(rng);
+  return w;
+}
+
+void run(benchmark::State& state, RebaseFn fn, size_t n, uint64_t maxUcmp, float deviation) {
+  const std::vector<double> weights = weightsFor(n);
+  uint64_t assigned = 0;
+  for (auto _ : state) {
+    RebaseOutcome out = fn(weights, maxUcmp, deviation);
+    benchmark::DoNotOptimize(out.weights.data());
+    assigned = 0;
+    for (uint32_t w : out.weights) assigned += w;
+  }
+  state.counters["assigned"] = static_cast<double>(assigned);
+}
+
+struct Input {
+  size_t n;
+  uint64_t maxUcmp;
+  float deviation;
+  std::string key() const {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "n:%zu/maxUcmp:%llu/dev:%.2f", n,
+                  static_cast<unsigned long long>(maxUcmp), static_cast<double>(deviation));
+    return buf;
+  }
+};
+
+// Prints the usual console lines, and keeps each input's median time per
+// path for the ratio table printed at the end.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& r : runs) {
+      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
+      std::string name = r.run_name.function_name;  // "<path>/<input>"
+      const auto slash = name.find('/');
+      const std::string input = name.substr(slash + 1);
+      if (std::find(order_.begin(), order_.end(), input) == order_.end()) order_.push_back(input);
+      times_[input][name.substr(0, slash)] = r.GetAdjustedCPUTime();
+    }
+  }
+  void printRatios() const {
+    std::printf("\n%-30s %14s %14s %10s\n", "input (median CPU time)", "reference", "fast",
+                "ref/fast");
+    for (const std::string& input : order_) {
+      const auto& byPath = times_.at(input);
+      const auto ref = byPath.find("reference");
+      const auto fast = byPath.find("fast");
+      if (ref == byPath.end() || fast == byPath.end()) continue;
+      std::printf("%-30s %11.1f us %11.1f us %9.1fx\n", input.c_str(), ref->second, fast->second,
+                  ref->second / fast->second);
+    }
+  }
+
+ private:
+  std::vector<std::string> order_;
+  std::map<std::string, std::map<std::string, double>> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<Input> inputs;
+  for (size_t n : {8, 64, 512})
+    for (uint64_t maxUcmp : {64, 4096, 65535})
+      for (float deviation : {0.0f, 0.05f}) inputs.push_back({n, maxUcmp, deviation});
+  for (const Input& in : inputs) {
+    const std::pair<const char*, RebaseFn> paths[] = {
+        {"reference", &RoutingLib::detail::rebaseReference},
+        {"fast", &RoutingLib::detail::rebaseFast}};
+    for (const auto& [path, fn] : paths) {
+      auto* b = benchmark::RegisterBenchmark((std::string(path) + "/" + in.key()).c_str(), run,
+                                             fn, in.n, in.maxUcmp, in.deviation);
+      b->Unit(benchmark::kMicrosecond)->Repetitions(3)->ReportAggregatesOnly(true);
+    }
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.printRatios();
+  benchmark::Shutdown();
+  return 0;
+}
