@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -53,6 +54,113 @@ TEST(Ip6Addr, CanonicalTextIsRfc5952) {
   }
   EXPECT_EQ(Ip6Addr::fromString("2001:db8::1").word(0), 0x20010db8u);
   EXPECT_TRUE(Ip6Addr::fromString("::ffff:1.2.3.4").isV4Mapped());
+}
+
+// The C library's converters implement the same RFC 5952 text, except that
+// they also print IPv4-compatible addresses (::a.b.c.d) in dotted form.
+TEST(Ip6Addr, AgreesWithTheCLibrary) {
+  std::mt19937_64 rng(13);
+  for (int i = 0; i < 20000; ++i) {
+    std::uint32_t w[4];
+    for (auto& x : w) {
+      std::uint32_t hi = rng() % 2 ? 0 : static_cast<std::uint32_t>(rng() & 0xFFFF);
+      std::uint32_t lo = rng() % 2 ? 0 : static_cast<std::uint32_t>(rng() & 0xFFFF);
+      x = hi << 16 | lo;
+    }
+    if (i % 10 == 0) w[0] = w[1] = 0, w[2] = 0xFFFF;
+    Ip6Addr a(w[0], w[1], w[2], w[3]);
+    bool compatible = w[0] == 0 && w[1] == 0 && w[2] == 0 && (w[3] >> 16) != 0;
+    char buf[INET6_ADDRSTRLEN];
+    ASSERT_NE(inet_ntop(AF_INET6, a.bytes(), buf, sizeof buf), nullptr);
+    std::string text = valueToStrep(a).str();
+    if (!compatible) {
+      ASSERT_EQ(text, buf);
+    }
+    // Both read either text back to the same bytes.
+    for (const std::string& t : {text, std::string(buf)}) {
+      unsigned char bytes[16];
+      ASSERT_EQ(inet_pton(AF_INET6, t.c_str(), bytes), 1) << t;
+      ASSERT_EQ(std::memcmp(bytes, a.bytes(), 16), 0) << t;
+      ASSERT_EQ(Ip6Addr::fromString(t), a) << t;
+    }
+  }
+}
+
+// Random edits of valid texts, so that most results are near misses.
+std::vector<std::string> mutations(std::vector<const char*> seeds, int count, unsigned seed) {
+  std::mt19937 rng(seed);
+  const std::string alphabet = "0123456789abcdefABCDEF:.:.g/ ";
+  std::vector<std::string> out;
+  for (int i = 0; i < count; ++i) {
+    std::string t = seeds[rng() % seeds.size()];
+    for (unsigned edits = 1 + rng() % 3; edits > 0; --edits) {
+      std::size_t pos = t.empty() ? 0 : rng() % (t.size() + 1);
+      char c = alphabet[rng() % alphabet.size()];
+      switch (rng() % 3) {
+        case 0: t.insert(pos, 1, c); break;
+        case 1: if (pos < t.size()) t.erase(pos, 1); break;
+        default: if (pos < t.size()) t[pos] = c; break;
+      }
+    }
+    out.push_back(t);
+  }
+  return out;
+}
+
+// Ip6Addr accepts exactly what inet_pton accepts, reads it to the same
+// bytes, and refuses the rest with an exception of the framework's kinds.
+TEST(Ip6Addr, MutatedTextsAreJudgedLikeTheCLibrary) {
+  int accepted = 0;
+  for (const std::string& t : mutations({"2001:db8::1", "::ffff:192.0.2.1", "1:2:3:4:5:6:7:8", "::",
+                                         "fe80::1:2.3.4.5", "1::", "0:0:0:0:0:0:0:0", "abcd:ef01::2345:6789"},
+                                        30000, 17)) {
+    unsigned char bytes[16];
+    bool libc = inet_pton(AF_INET6, t.c_str(), bytes) == 1;
+    try {
+      Ip6Addr a = Ip6Addr::fromString(t);
+      ASSERT_TRUE(libc) << "accepted '" << t << "'";
+      ASSERT_EQ(std::memcmp(bytes, a.bytes(), 16), 0) << t;
+      ++accepted;
+    } catch (const Cog::ParseException&) {
+      ASSERT_FALSE(libc) << "refused '" << t << "'";
+    } catch (const Cog::RangeException&) {
+      ASSERT_FALSE(libc) << "refused '" << t << "'";
+    }
+  }
+  EXPECT_GT(accepted, 1000);  // the mutations reach both sides
+}
+
+// IpGenAddr picks the family from the text: an IPv4 text where inet_pton
+// reads IPv4, IPv6 where it reads IPv6, no address for the empty text.
+TEST(IpGenAddr, MutatedTextsGetTheFamilyTheCLibraryReads) {
+  int v4 = 0, v6 = 0;
+  for (const std::string& t : mutations({"10.1.2.3", "0.0.0.0", "255.255.255.255", "192.168.100.1", "::1.2.3.4",
+                                         "1:2::3", ""},
+                                        30000, 19)) {
+    unsigned char b4[4], b6[16];
+    bool is4 = inet_pton(AF_INET, t.c_str(), b4) == 1;
+    bool is6 = inet_pton(AF_INET6, t.c_str(), b6) == 1;
+    try {
+      IpGenAddr a = IpGenAddr::fromString(t);
+      if (is4) {
+        ASSERT_EQ(a.af(), AddressFamily::ipv4) << t;
+        ASSERT_EQ(std::memcmp(a.bytes(), b4, 4), 0) << t;
+        ++v4;
+      } else if (is6) {
+        ASSERT_EQ(a.af(), AddressFamily::ipv6) << t;
+        ASSERT_EQ(std::memcmp(a.bytes(), b6, 16), 0) << t;
+        ++v6;
+      } else {
+        ASSERT_TRUE(t.empty() && !a) << "accepted '" << t << "'";
+      }
+    } catch (const Cog::ParseException&) {
+      ASSERT_FALSE(is4 || is6) << "refused '" << t << "'";
+    } catch (const Cog::RangeException&) {
+      ASSERT_FALSE(is4 || is6) << "refused '" << t << "'";
+    }
+  }
+  EXPECT_GT(v4, 500);
+  EXPECT_GT(v6, 500);
 }
 
 TEST(Ip6Addr, MalformedTextIsRefused) {
