@@ -173,10 +173,11 @@ TEST(FecIdReflection, OrderAndStaticConversions) {
   EXPECT_EQ(names, (std::vector<std::string>{
                        "value", "hash", "adjType", "adjIndex", "isValid", "fecIdToTunnelId",
                        "tunnelIdToFecId", "nexthopGroupIdToFecId", "fecIdToNexthopGroupId",
+                       "hierarchicalIntfIdToFecId", "fecIdToHierarchicalIntfId",
                        "fecIdForAdjType", "fecIdToNewAdjType", "convertFecIdForUseByTunnel",
                        "onlySupportedInDefaultVrf", "toStrep"}));
   EXPECT_EQ(type->member("value")->index, 2u);
-  EXPECT_EQ(type->member("toStrep")->index, 15u);
+  EXPECT_EQ(type->member("toStrep")->index, 17u);
 
   auto g = type->callStatic("nexthopGroupIdToFecId", {Cog::genericIfOf(5u)});
   EXPECT_EQ(*g->as<FecId>(), fec(nextHopGroupAdj(), 5));
