@@ -9,6 +9,7 @@
 #include <sstream>
 #include <vector>
 
+#include "Cog/Exception.h"
 #include "Cog/ValueTraits.h"
 #include "Tunnel/TunnelId.h"
 #include "Velnet/EthAddr.h"
@@ -185,6 +186,39 @@ TYPED_TEST(ValueFrame, OrderIsStrictWeakAndAgreesWithEquality) {
   std::sort(hashes.begin(), hashes.end());
   auto distinct = std::unique(hashes.begin(), hashes.end()) - hashes.begin();
   EXPECT_GE(distinct * 100, (last - values.begin()) * 99);
+}
+
+// Near misses of valid texts either parse to a value whose own text parses
+// back to it, or are refused with the framework's parse or range error;
+// never anything else (the sanitizer build watches for stray reads).
+TYPED_TEST(ValueFrame, MutatedTextsParseOrAreRefused) {
+  Rng rng(99);
+  const std::string alphabet = "0123456789abcdefABCDEF:./ -xEthernetVlan";
+  auto values = this->values();
+  int parsed = 0, refused = 0;
+  for (int i = 0; i < 20000; ++i) {
+    std::string t = valueToStrep(values[rng() % values.size()]).str();
+    for (unsigned edits = 1 + rng() % 3; edits > 0; --edits) {
+      std::size_t pos = t.empty() ? 0 : rng() % (t.size() + 1);
+      char c = alphabet[rng() % alphabet.size()];
+      switch (rng() % 3) {
+        case 0: t.insert(pos, 1, c); break;
+        case 1: if (pos < t.size()) t.erase(pos, 1); break;
+        default: if (pos < t.size()) t[pos] = c; break;
+      }
+    }
+    try {
+      TypeParam v = TypeParam::fromString(t);
+      ASSERT_EQ(TypeParam::fromString(valueToStrep(v)), v) << t;
+      ++parsed;
+    } catch (const Cog::ParseException&) {
+      ++refused;
+    } catch (const Cog::RangeException&) {
+      ++refused;
+    }
+  }
+  EXPECT_GT(parsed, 0);
+  EXPECT_GT(refused, 0);
 }
 
 TYPED_TEST(ValueFrame, DefaultIsTheOnlyFalsyValue) {
