@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
@@ -57,6 +58,7 @@ class EthAddr {
 };
 
 static_assert(sizeof(EthAddr) == 6);
+static_assert(std::is_trivially_copyable_v<EthAddr>, "copied byte for byte into shared-memory images");
 
 Cog::String valueToStrep(const EthAddr& a);
 std::ostream& operator<<(std::ostream& os, const EthAddr& a);

@@ -53,6 +53,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Assert.h"
 #include "Cog/Hash.h"
@@ -103,6 +104,7 @@ class IntfId {
 };
 
 static_assert(sizeof(IntfId) == 8 && alignof(IntfId) == 4);
+static_assert(std::is_trivially_copyable_v<IntfId>, "copied byte for byte into shared-memory images");
 
 Cog::String valueToStrep(const IntfId& i);
 std::ostream& operator<<(std::ostream& os, const IntfId& i);

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
@@ -66,6 +67,7 @@ class Ip6Addr {
 };
 
 static_assert(sizeof(Ip6Addr) == 16 && alignof(Ip6Addr) == 4);
+static_assert(std::is_trivially_copyable_v<Ip6Addr>, "copied byte for byte into shared-memory images");
 
 Cog::String valueToStrep(const Ip6Addr& a);
 std::ostream& operator<<(std::ostream& os, const Ip6Addr& a);

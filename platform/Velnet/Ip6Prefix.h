@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
@@ -54,6 +55,7 @@ class Ip6Prefix {
 };
 
 static_assert(sizeof(Ip6Prefix) == 20 && alignof(Ip6Prefix) == 4);
+static_assert(std::is_trivially_copyable_v<Ip6Prefix>, "copied byte for byte into shared-memory images");
 
 Cog::String valueToStrep(const Ip6Prefix& p);
 std::ostream& operator<<(std::ostream& os, const Ip6Prefix& p);

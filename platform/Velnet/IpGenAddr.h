@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
@@ -75,6 +76,7 @@ class IpGenAddr {
 };
 
 static_assert(sizeof(IpGenAddr) == 20 && alignof(IpGenAddr) == 4);
+static_assert(std::is_trivially_copyable_v<IpGenAddr>, "copied byte for byte into shared-memory images");
 
 Cog::String valueToStrep(const IpGenAddr& a);
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& a);

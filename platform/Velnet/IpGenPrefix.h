@@ -35,6 +35,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
@@ -92,6 +93,7 @@ struct IpGenPrefixLayout {
   static constexpr std::size_t lenOffset = offsetof(IpGenPrefix, len_);
 };
 static_assert(sizeof(IpGenPrefix) == 24 && alignof(IpGenPrefix) == 4);
+static_assert(std::is_trivially_copyable_v<IpGenPrefix>, "copied byte for byte into shared-memory images");
 static_assert(IpGenPrefixLayout::afOffset == 0 && IpGenPrefixLayout::addrOffset == 4 &&
               IpGenPrefixLayout::lenOffset == 20);
 

@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
@@ -63,6 +64,7 @@ class MplsLabel {
 };
 
 static_assert(sizeof(MplsLabel) == 4);
+static_assert(std::is_trivially_copyable_v<MplsLabel>, "copied byte for byte into shared-memory images");
 
 Cog::String valueToStrep(const MplsLabel& l);
 std::ostream& operator<<(std::ostream& os, const MplsLabel& l);
