@@ -1,5 +1,5 @@
-// Hand-written functions of schema/RoutingGen.cog.
-#include "RoutingLib/RoutingGen.h"
+// Hand-written functions of schema/Routing.cog.
+#include "RoutingLib/Routing.h"
 
 #include <string>
 
@@ -22,6 +22,12 @@ Cog::HashValue Via::hash() const {
   return h.result() ^ intfId_.hash();
 }
 
+Velnet::IpGenPrefix Route::prefix() const { return key_.prefix(); }
+
+RouteMetric Route::metric() const { return RouteMetric(RouteKey::metric); }
+
+RoutePreference Route::preference() const { return key_.preference(); }
+
 }  // namespace Routing
 
 namespace Routing::Hardware {
@@ -29,5 +35,7 @@ namespace Routing::Hardware {
 Cog::String ResilientEcmpConfig::stringValue() const {
   return Cog::String("c " + std::to_string(capacity_) + " - r " + std::to_string(redundancy_));
 }
+
+bool Status::hierarchicalFecSupported() const { return maxHierarchicalFecChainLength_ > 1; }
 
 }  // namespace Routing::Hardware

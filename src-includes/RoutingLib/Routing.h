@@ -1,6 +1,8 @@
-// The routing vocabulary shared by the IPv4 and IPv6 models (namespace
-// Routing), generated from schema/RoutingGen.cog:
+// The routing model (namespaces Routing, Routing::Fib, Routing::Hardware),
+// generated from schema/Routing.cog; hand-written functions in
+// routing/Routing.cpp.
 //
+// Route vocabulary:
 //   RouteMetric, RoutePreference (default 1), RouteTag, RoutingProtocol (a
 //   protocol byte with named fixed codes), MetricPref;
 //   RouteKey     prefix + preference. hash() is the prefix's hash alone, so
@@ -10,11 +12,25 @@
 //                exclusive-or intfId's hash; the other attributes do not enter
 //                it. Reading a label above MplsLabel::luWithdraw from an
 //                attribute log throws the label's range error;
-//   RouteType, Fwd0RoutingEthType (enumerations);
-//   Hardware::ResilientEcmpConfig with stringValue() "c <capacity> - r
-//   <redundancy>".
+//   RouteType, Fwd0RoutingEthType (enumerations).
+// Route entities: Route (made by its list; prefix(), metric(), preference()
+// read its key), RouteList (routeIs with another routeType on a present key
+// throws NameInUseException and keeps the route), RouteInput,
+// Fwd0EthTypeEntry.
 //
-// The hand-written functions are in routing/RoutingGen.cpp.
+// IPv4 configuration: ConfigGen (sendRedirects starts true) and Config,
+// RoutingInfo (on RoutingGenInfo, sendRedirects starts false), InfoConfig,
+// VrfConfigDir, VrfInfoConfigDir, SeqConfig, SeqStatus, UcmpFecUsageStatus,
+// Fib::RouteType.
+//
+// Hardware: AdjSharing, OptimizeProfileType, HierarchicalFecsMaxLevel
+// (default invalid), ResilientEcmpConfig (stringValue() "c <capacity> - r
+// <redundancy>"), ConfigGen and Config, OptimizeProfileSetting(List),
+// RouteStatus, VrfStatus, UrpfHwStatus, TunnelCapabilities, DlbConfig, and
+// Status, the capability record: maxHierarchicalFecChainLength refuses 0
+// with "Status::maxHierarchicalFecChainLength < 1 or > Expr
+// @Routing.cog:487 not allowed" and keeps its value; hierarchicalFecSupported()
+// is true exactly when it is above 1.
 #pragma once
 
-#include <RoutingGen.h>
+#include <Routing.h>

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "RoutingLib/RouteProto.h"
-#include "RoutingLib/RoutingGen.h"
+#include "RoutingLib/Routing.h"
 #include "RoutingLib/VrfName.h"
 
 using namespace Routing;
