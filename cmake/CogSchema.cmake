@@ -6,12 +6,11 @@
 # A depfile written by cogc lists the schema, every unit it imports and the
 # compiler's own templates and sources, so editing any of them rebuilds
 # exactly the units that depend on it.
-set(COGC ${PROJECT_SOURCE_DIR}/tools/cogc/cogc.py)
-file(GLOB COGC_SOURCES CONFIGURE_DEPENDS
-     ${PROJECT_SOURCE_DIR}/tools/cogc/cogclib/*.py
-     ${PROJECT_SOURCE_DIR}/tools/cogc/cogclib/templates/*.j2)
-
 function(cog_schema)
+  set(COGC ${PROJECT_SOURCE_DIR}/tools/cogc/cogc.py)
+  file(GLOB COGC_SOURCES CONFIGURE_DEPENDS
+       ${PROJECT_SOURCE_DIR}/tools/cogc/cogclib/*.py
+       ${PROJECT_SOURCE_DIR}/tools/cogc/cogclib/templates/*.j2)
   cmake_parse_arguments(ARG "" "TARGET;OUTDIR" "SCHEMAS;SEARCH" ${ARGN})
   if(NOT ARG_OUTDIR)
     set(ARG_OUTDIR ${CMAKE_BINARY_DIR}/generated)

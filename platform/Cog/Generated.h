@@ -57,15 +57,13 @@ class StrepReader {
  public:
   StrepReader(String::IteratorConst& it, const String::IteratorConst& end, const char* typeName,
               bool single);
-  // Reads one attribute; parse and range errors name the attribute.
+  // Reads one attribute's text. Callers wrap it and the attribute's setter
+  // in one handler that names the attribute (rethrowFromDeserializeAttr),
+  // so that parse and bound errors alike carry the name.
   template <typename T>
   T attr(const char* name) {
     start(name);
-    try {
-      return ValueTraits<T>::parse(it_, end_);
-    } catch (...) {
-      rethrowFromDeserializeAttr(name);
-    }
+    return ValueTraits<T>::parse(it_, end_);
   }
   void done();
 

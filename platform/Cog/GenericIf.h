@@ -249,6 +249,11 @@ Ptr<GenericIf> genericIfOf(const Ptr<T>& entity) {
   return Ptr<GenericIf>(new GenericIfEntity<T>(entity));
 }
 inline Ptr<GenericIf> genericIfOf(const char* text) { return genericIfOf(String(text)); }
+// A handle on an entity known only by its type record.
+inline Ptr<GenericIf> genericIfOfEntity(const CogType* type, const PtrInterface* entity,
+                                        bool isConst = false) {
+  return Ptr<GenericIf>(new GenericIfEntityBase(type, entity, isConst));
+}
 
 // Converts a reflected argument to T (see the header comment for the rules).
 const void* genericConvert(const Ptr<GenericIf>& value, const CogType* to, Ptr<GenericIf>* keep,

@@ -178,6 +178,7 @@ class Record(Type):
         self.custom_hash = False
         self.custom_handle_initialized = False
         self.name_member = None  # the `name: Name` parameter: the framework entity's name
+        self.params = []  # the other constructor parameters (resolved before any member)
 
     def all_members(self):
         chain = []
@@ -213,8 +214,7 @@ class Record(Type):
         """Constructor parameters, from the root's (a derived entity takes
         its root's)."""
         root = self.root()
-        own = [m for m in root.members if m.kind == "param"]
-        return ([root.name_member] if root.name_member is not None else []) + own
+        return ([root.name_member] if root.name_member is not None else []) + root.params
 
 
 class NamespaceConstant:
@@ -383,6 +383,14 @@ class Model:
         records = [r for u in units for r in u.records]
         for r in records:
             self.resolve_base(r)
+        # Constructor parameters first: collections and owned members of
+        # other entities check them.
+        for r in records:
+            self.resolve_params(r)
+            level, t = 0, r.base
+            while t is not None:
+                level, t = level + 1, t.base
+            r.level = level
         for r in sorted(records, key=lambda r: r.level):
             self.resolve_record(r)
         for r in records:
@@ -526,30 +534,8 @@ class Model:
             group.append(m)
 
         d = r.decl
-        if d.params is not None:
-            if r.kind == "value":
-                self.diags.error(d.pos, "a value type has no constructor parameters; "
-                                        "its attributes are its constructor's")
-            elif r.kind == "reactor":
-                self.diags.error(d.pos, "a reactor is constructed from its inputs and outputs")
-            else:
-                for p in d.params:
-                    m = Member("param", p.name, p.pos)
-                    m.type = self.resolve_type(p.type, r.namespace)
-                    if m.type is not None and not m.type.is_valueish():
-                        self.diags.error(p.pos, "constructor parameter %s must be of a value "
-                                                "type, not %s" % (p.name, m.type.full_name))
-                    if p.name == "name":
-                        if m.type is not None and m.type.full_name != "Cog::Name":
-                            self.diags.error(p.pos, "parameter name is the entity's name, "
-                                                    "of type Name")
-                        elif p is not d.params[0]:
-                            self.diags.error(p.pos, "the entity's name is its first parameter")
-                        else:
-                            m.owner = r
-                            r.name_member = m
-                        continue
-                    add(m, params)
+        for m in r.params:
+            add(m, params)
         for syn in d.members:
             if isinstance(syn, S.Attr):
                 m = self.resolve_attr(r, syn)
@@ -595,6 +581,34 @@ class Model:
                 r.members.insert(pos, m)
                 for i, mm in enumerate(r.members):
                     mm.index = first + i
+
+    def resolve_params(self, r):
+        d = r.decl
+        if d.params is None:
+            return
+        if r.kind == "value":
+            self.diags.error(d.pos, "a value type has no constructor parameters; "
+                                    "its attributes are its constructor's")
+            return
+        if r.kind == "reactor":
+            self.diags.error(d.pos, "a reactor is constructed from its inputs and outputs")
+            return
+        for p in d.params:
+            m = Member("param", p.name, p.pos)
+            m.type = self.resolve_type(p.type, r.namespace)
+            if m.type is not None and not m.type.is_valueish():
+                self.diags.error(p.pos, "constructor parameter %s must be of a value "
+                                        "type, not %s" % (p.name, m.type.full_name))
+            if p.name == "name":
+                if m.type is not None and m.type.full_name != "Cog::Name":
+                    self.diags.error(p.pos, "parameter name is the entity's name, of type Name")
+                elif p is not d.params[0]:
+                    self.diags.error(p.pos, "the entity's name is its first parameter")
+                else:
+                    m.owner = r
+                    r.name_member = m
+                continue
+            r.params.append(m)
 
     def resolve_attr(self, r, syn):
         tr = self.resolve_type(syn.type, r.namespace, allow_collection=True)

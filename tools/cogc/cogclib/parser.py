@@ -107,9 +107,10 @@ class Parser:
             self.file.imports.append(S.Import(unit, pos))
             self.expect(";")
         elif self.accept("include"):
+            at_end = bool(self.accept("end"))
             if self.tok.kind != "string":
                 self.fail("expected a header path in quotes")
-            self.file.includes.append(self.take().text)
+            (self.file.end_includes if at_end else self.file.includes).append(self.take().text)
             self.expect(";")
         elif self.accept("extern"):
             self.expect("value", "(only external value types are supported)")

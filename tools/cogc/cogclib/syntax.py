@@ -146,5 +146,7 @@ class SchemaFile:
     unit: str
     imports: List[Import] = field(default_factory=list)
     includes: List[str] = field(default_factory=list)
+    # headers included after every declaration: hand-written inline definitions
+    end_includes: List[str] = field(default_factory=list)
     externs: List[ExternDecl] = field(default_factory=list)
     decls: list = field(default_factory=list)  # EnumDecl, TypeDecl, NamespaceConst
