@@ -45,23 +45,27 @@ static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 
 struct alignas(64) Header {
+  // Read by every lookup; changes rarely (growth, resize).
   std::atomic<std::uint32_t> magic;  // stored last when the segment is made
   std::uint32_t layoutVersion;
   std::uint32_t headerBytes;
   std::uint32_t typeTag;  // hash of the value type's name
   std::atomic<std::uint64_t> fileBytes;  // the segment only grows
   std::atomic<std::uint64_t> index;      // IndexWord
-  std::atomic<std::uint64_t> count;      // entries
   std::uint64_t ringOffset;
   std::uint64_t ringBytes;  // a power of two, or 0 for no ring
-  std::atomic<std::uint64_t> ringHead;
+  std::atomic<std::uint32_t> writerPid;
+  std::atomic<std::uint32_t> writerEpoch;  // one more at every writer attach
+  std::uint8_t reserved0[8];
+  // Written at every change: kept off the line above so that lookups in
+  // other processes do not fight the writer for it.
+  alignas(64) std::atomic<std::uint64_t> ringHead;
   std::atomic<std::uint64_t> ringReserve;
+  alignas(64) std::atomic<std::uint64_t> count;  // entries
   // Kept by the writer for itself; readers do not rely on them.
   std::atomic<std::uint64_t> heapTop;
   std::atomic<std::uint64_t> version;  // last record version handed out
-  std::atomic<std::uint32_t> writerPid;
-  std::atomic<std::uint32_t> writerEpoch;  // one more at every writer attach
-  std::uint8_t reserved[kHeaderBytes - 96];
+  alignas(64) std::uint8_t reserved1[64];
 };
 static_assert(sizeof(Header) == kHeaderBytes);
 
