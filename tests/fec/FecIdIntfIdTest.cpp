@@ -8,7 +8,6 @@
 #include <random>
 #include <string>
 
-#include "Cog/GenericIf.h"
 #include "RoutingLib/FecIdIntfId.h"
 #include "Velnet/IntfIdKinds.h"
 
@@ -121,28 +120,6 @@ TEST(FecIdIntfIdDeathTest, NexthopGroupIdOfTheWrongKindAsserts) {
   EXPECT_DEATH(FecIdIntfId::isNexthopGroupIdIntfId(beyond), "FecBasicTypes:18: .*adjTypeMax");
 }
 
-TEST(FecIdIntfId, ValueFrameFollowsTheInterfaceId) {
-  const FecIdIntfId a(FecIdIntfId::fecIdToIntfId(fec(fibV4Adj(), 5).value()));
-  const FecIdIntfId b(FecIdIntfId::fecIdToIntfId(fec(hostAdj(), 1).value()));
-  EXPECT_TRUE(!FecIdIntfId());
-  EXPECT_FALSE(!a);
-  EXPECT_EQ(a < b, a.intfId() < b.intfId());
-  EXPECT_EQ(b < a, b.intfId() < a.intfId());
-  // The string form is the interface name, and reads back.
-  for (const FecIdIntfId& v : {a, b, FecIdIntfId()}) {
-    const Cog::String text = valueToStrep(v);
-    EXPECT_EQ(text.str(), v.intfId().name().str());
-    auto it = text.begin();
-    EXPECT_EQ(FecIdIntfId(it, text.end()), v) << text.str();
-  }
-  const Cog::CogType* type = Cog::typeByName("Velnet::FecIdIntfId");
-  ASSERT_NE(type, nullptr);
-  auto folded = type->callStatic("fecIdToIntfId", {Cog::genericIfOf(fec(hostAdj(), 1).value())});
-  EXPECT_EQ(*folded->as<IntfId>(), b.intfId());
-  EXPECT_EQ(type->callStatic("intfIdToFecId", {folded})->strRep().str(),
-            std::to_string(fec(hostAdj(), 1).value()));
-}
-
 // fecIdToHierarchicalIntfId picks the kind per adjacency type, and
 // hierarchicalIntfIdToFecId brings every one of them back.
 TEST(FecIdHierarchical, EveryAdjacencyTypeRoundTrips) {
@@ -228,16 +205,6 @@ TEST(FecIdHierarchical, FromEveryKindOfInterfaceId) {
   EXPECT_EQ(FecId::hierarchicalIntfIdToFecId(NexthopGroupIntfId::nexthopGroupIdToIntfId(7)),
             fec(nextHopGroupAdj(), 7));
   EXPECT_EQ(FecId::hierarchicalIntfIdToFecId(NexthopGroupIntfId::nexthopGroupIdToIntfId(0)), none);
-}
-
-TEST(FecIdHierarchical, ThroughReflection) {
-  const Cog::CogType* type = Cog::typeByName("Memtab::Fib::FecId");
-  ASSERT_NE(type, nullptr);
-  auto i = type->callStatic("fecIdToHierarchicalIntfId",
-                            {Cog::genericIfOf(fec(nextHopGroupAdj(), 12))});
-  EXPECT_EQ(*i->as<IntfId>(), Velnet::NexthopGroupIntfId::nexthopGroupIdToIntfId(12));
-  auto f = type->callStatic("hierarchicalIntfIdToFecId", {i});
-  EXPECT_EQ(*f->as<FecId>(), fec(nextHopGroupAdj(), 12));
 }
 
 }  // namespace
