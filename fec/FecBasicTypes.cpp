@@ -12,32 +12,12 @@ namespace Memtab::Fib {
 namespace {
 
 constexpr std::uint64_t kIndexMask = (std::uint64_t{1} << adjTypePos()) - 1;
-constexpr std::uint64_t kAdjTypeMax = static_cast<std::uint64_t>(adjTypeMax());
 
 // Bit mask over the adjacency types that exist only in the default VRF:
 // nextHopGroupAdj, tunnelFibAdj, evpn*, mpls*, floodSetAdj, pw*, usedByTunnel*.
 constexpr std::uint32_t kOnlyDefaultVrfMask = 0x37F48;
 
-bool typeInRange(std::uint64_t value) { return (value >> adjTypePos()) < kAdjTypeMax; }
-
 }  // namespace
-
-Cog::HashValue FecId::hash() const {
-  unsigned char bytes[8];
-  for (unsigned i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(value_ >> (8 * i));
-  return Cog::oneAtATimeHash(bytes, sizeof bytes, 0);
-}
-
-AdjType FecId::adjType() const {
-  COG_ASSERT_AT((value_ >> adjTypePos()) < kAdjTypeMax,
-                "(value_ >> Fib::adjTypePos()) < Fib::adjTypeMax()", "FecBasicTypes", 18,
-                "Memtab::Fib::AdjType Memtab::Fib::FecId::adjType() const");
-  return static_cast<AdjType>(value_ >> adjTypePos());
-}
-
-std::uint64_t FecId::adjIndex() const { return value_ & kIndexMask; }
-
-bool FecId::isValid() const { return value_ != 0 && typeInRange(value_); }
 
 Tunnel::TunnelTable::TunnelId FecId::fecIdToTunnelId(const FecId& fecId) {
   std::uint64_t v = fecId.value();
