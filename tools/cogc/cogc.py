@@ -59,11 +59,11 @@ def main(argv=None):
             if os.path.exists(path):
                 with open(path, encoding="utf-8") as f:
                     old = f.read()
-            if old != text:  # keep timestamps of unchanged outputs
+            # An unchanged output keeps its timestamp: the build (which
+            # re-stats cogc's outputs) then recompiles nothing that includes it.
+            if old != text:
                 with open(path, "w", encoding="utf-8") as f:
                     f.write(text)
-            else:
-                os.utime(path)
         if args.depfile:
             deps = [os.path.abspath(p) for p in model.files] + emitter.inputs()
             with open(args.depfile, "w", encoding="utf-8") as f:
