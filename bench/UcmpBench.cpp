@@ -105,6 +105,13 @@ int main(int argc, char** argv) {
       b->Unit(benchmark::kMicrosecond)->Repetitions(3)->ReportAggregatesOnly(true);
     }
   }
+  // Repetitions of all inputs run interleaved in random order, so that a
+  // busy machine slows both paths alike instead of whichever ran then.
+  std::vector<char*> args(argv, argv + argc);
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  args.insert(args.begin() + 1, interleave.data());
+  argc = static_cast<int>(args.size());
+  argv = args.data();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;

@@ -10,9 +10,10 @@
 //   - rebaseReference: the literal growth loop, which rescans every entry
 //     after each single increment (about maxUcmp x n ratio evaluations) and
 //     writes every level-3 trace line, one per scanned entry of every scan.
-//   - rebaseFast: the same outcome, bit for bit, in about
-//     (n + maxUcmp) x log evaluations. It writes the level-2 lines and the
-//     level-3 input and output lines, but not the per-scan lines.
+//   - rebaseFast: the same outcome, bit for bit, with about two ratio
+//     evaluations per increment and a few per entry. It writes the level-2
+//     lines and the level-3 input and output lines, but not the per-scan
+//     lines.
 //   - rebase: the one callers use. It runs rebaseReference when level 3 of the
 //     "UcmpWeightRebase" trace handle is on, so the trace is exact, and
 //     rebaseFast otherwise.
@@ -44,9 +45,5 @@ struct RebaseOutcome {
 RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
-
-// The generated enumeration's value names: "rebaseSuccess", "rebaseUnconverged",
-// "rebaseTruncated".
-const char* rebaseStatusName(RebaseStatus status);
 
 }  // namespace RoutingLib::detail

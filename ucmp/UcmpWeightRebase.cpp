@@ -18,6 +18,7 @@
 #include "Cog/Assert.h"
 #include "Cog/Trace.h"
 #include "RebaseCore.h"
+#include "RoutingLib/UcmpWeightRebase.h"
 
 COG_TRACE_HANDLE("UcmpWeightRebase");
 
@@ -446,14 +447,59 @@ RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDevia
   return rebaseFast(std::move(in), maxUcmp, weightDeviation);
 }
 
-const char* rebaseStatusName(RebaseStatus status) {
-  switch (status) {
-    case RebaseStatus::success: return "rebaseSuccess";
-    case RebaseStatus::unconverged: return "rebaseUnconverged";
-    case RebaseStatus::truncated: return "rebaseTruncated";
-  }
-  return "unknown";
+}  // namespace detail
+
+namespace {
+
+UcmpRebaseResult resultOf(const detail::RebaseOutcome& outcome) {
+  static_assert(static_cast<int>(UcmpRebaseStatus::rebaseSuccess) ==
+                    static_cast<int>(detail::RebaseStatus::success) &&
+                static_cast<int>(UcmpRebaseStatus::rebaseUnconverged) ==
+                    static_cast<int>(detail::RebaseStatus::unconverged) &&
+                static_cast<int>(UcmpRebaseStatus::rebaseTruncated) ==
+                    static_cast<int>(detail::RebaseStatus::truncated));
+  UcmpRebaseResult result(static_cast<UcmpRebaseStatus>(outcome.status));
+  const size_t n = outcome.weights.size();
+  if (n > 0) result.outWeightIs(n - 1, outcome.weights[n - 1]);  // grows the array once
+  for (size_t i = 0; i < n; ++i) result.outWeightIs(i, outcome.weights[i]);
+  return result;
 }
 
-}  // namespace detail
+// The weights of a test input: position i of the map for i below its size,
+// 0 where the map has no such position.
+template <typename Weight, typename Input>
+std::vector<Weight> weightsOf(const Input& input) {
+  std::vector<Weight> weights(input.inWeight().size());
+  for (size_t i = 0; i < weights.size(); ++i) weights[i] = input.inWeight(i);
+  return weights;
+}
+
+}  // namespace
+
+UcmpRebaseResult rebaseWeights(std::vector<double> inWeights, uint64_t maxUcmp,
+                               float weightDeviation) {
+  return resultOf(detail::rebase(std::move(inWeights), maxUcmp, weightDeviation));
+}
+
+UcmpRebaseResult rebaseWeights(std::vector<float> inWeights, uint64_t maxUcmp,
+                               float weightDeviation) {
+  return rebaseWeights(std::vector<double>(inWeights.begin(), inWeights.end()), maxUcmp,
+                       weightDeviation);
+}
+
+UcmpRebaseResult rebaseWeights(std::vector<uint32_t> inWeights, uint64_t maxUcmp,
+                               float weightDeviation) {
+  return rebaseWeights(std::vector<double>(inWeights.begin(), inWeights.end()), maxUcmp,
+                       weightDeviation);
+}
+
+UcmpRebaseResult UcmpWeightsTestHelper::rebaseWeightsTest(const UcmpRebaseTestInput& input) const {
+  return rebaseWeights(weightsOf<uint32_t>(input), input.maxUcmp(), input.weightDeviation());
+}
+
+UcmpRebaseResult UcmpFloatWeightsTestHelper::rebaseFloatWeightsTest(
+    const UcmpFloatRebaseTestInput& input) const {
+  return rebaseWeights(weightsOf<float>(input), input.maxUcmp(), input.weightDeviation());
+}
+
 }  // namespace RoutingLib

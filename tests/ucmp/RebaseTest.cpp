@@ -79,16 +79,6 @@ TEST(UcmpRebase, KnownCasesOnEveryPath) {
   }
 }
 
-TEST(UcmpRebase, StatusNamesAreTheEnumerationsOwn) {
-  using RoutingLib::detail::rebaseStatusName;
-  EXPECT_STREQ(rebaseStatusName(RebaseStatus::success), "rebaseSuccess");
-  EXPECT_STREQ(rebaseStatusName(RebaseStatus::unconverged), "rebaseUnconverged");
-  EXPECT_STREQ(rebaseStatusName(RebaseStatus::truncated), "rebaseTruncated");
-  EXPECT_EQ(static_cast<int>(RebaseStatus::success), 0);
-  EXPECT_EQ(static_cast<int>(RebaseStatus::unconverged), 1);
-  EXPECT_EQ(static_cast<int>(RebaseStatus::truncated), 2);
-}
-
 // Switches the unit's handle to `level` with a capturing sink for one scope.
 class TraceAt {
  public:

@@ -23,8 +23,8 @@
 #include <system_error>
 #include <vector>
 
-#include "../../ucmp/RebaseCore.h"
 #include "Command.h"
+#include "RoutingLib/UcmpWeightRebase.h"
 
 namespace routinglib {
 namespace {
@@ -140,15 +140,30 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
   }
   if (sum == 0) return refuse(err, "the weights sum to 0");
 
-  const auto result = RoutingLib::detail::rebase(std::move(weights), *maxUcmp, *deviation);
-  const char* status = RoutingLib::detail::rebaseStatusName(result.status);
+  // Each kind through its own overload; the parsed doubles hold every float
+  // and unsigned value exactly.
+  RoutingLib::UcmpRebaseResult result;
+  switch (kind) {
+    case Kind::doubles:
+      result = RoutingLib::rebaseWeights(std::move(weights), *maxUcmp, *deviation);
+      break;
+    case Kind::floats:
+      result = RoutingLib::rebaseWeights(std::vector<float>(weights.begin(), weights.end()),
+                                         *maxUcmp, *deviation);
+      break;
+    case Kind::unsigneds:
+      result = RoutingLib::rebaseWeights(std::vector<uint32_t>(weights.begin(), weights.end()),
+                                         *maxUcmp, *deviation);
+      break;
+  }
+  const auto& outWeights = result.outWeight();
   if (json) {
-    out << "{\"status\": \"" << status << "\", \"weights\": [";
-    for (size_t i = 0; i < result.weights.size(); ++i) out << (i ? ", " : "") << result.weights[i];
+    out << "{\"status\": \"" << result.status() << "\", \"weights\": [";
+    for (uint64_t i = 0; i < outWeights.size(); ++i) out << (i ? ", " : "") << outWeights[i];
     out << "]}\n";
   } else {
-    out << "status: " << status << "\nweights:";
-    for (uint32_t w : result.weights) out << " " << w;
+    out << "status: " << result.status() << "\nweights:";
+    for (uint32_t w : outWeights) out << " " << w;
     out << "\n";
   }
   return 0;
