@@ -295,6 +295,7 @@ struct Mount::Link {
   int socket = -1;
   void* mailbox = nullptr;
   int mailboxFd = -1;
+  int hubFd = -1;  // shared, not ours to close
   std::atomic<bool> hint{true};
 
   std::atomic<std::uint32_t>* armed() const {
@@ -321,7 +322,7 @@ struct Mount::Link {
     }
     add(eventFd);
     Hub& hub = Hub::get();
-    int hubFd = hub.fd();
+    hubFd = hub.fd();
     if (hubFd >= 0) add(hubFd);
     hub.subscribe("memtab." + tableName, this);
   }
@@ -447,8 +448,17 @@ int Mount::fd() const { return link_->epoll; }
 Mount::Update Mount::update(bool check) {
   Update u;
   const MountStatus before = status_;
-  link_->drainDoorbell();
-  Hub::get().drain();
+  // One look at what is ready, so that an idle source costs no system call.
+  epoll_event events[4];
+  bool doorbell = check, hub = check, ended = check;
+  int n = epoll_wait(link_->epoll, events, 4, 0);
+  for (int i = 0; i < n; ++i) {
+    doorbell = doorbell || events[i].data.fd == link_->eventFd;
+    hub = hub || events[i].data.fd == link_->hubFd;
+    ended = ended || (link_->socket >= 0 && events[i].data.fd == link_->socket);
+  }
+  if (doorbell) link_->drainDoorbell();
+  if (hub) Hub::get().drain();
   const bool hint = link_->hint.exchange(false, std::memory_order_relaxed) || check;
   if (view_ && hint && view_->unlinked()) {
     view_.reset();
@@ -464,7 +474,7 @@ Mount::Update Mount::update(bool check) {
     }
   }
   if (view_) {
-    if (link_->connected() && link_->hungUp()) link_->disconnect();
+    if (link_->connected() && ended && link_->hungUp()) link_->disconnect();
     if (!link_->connected() && (hint || u.contentsNew)) link_->connect();
     status_ = link_->connected() ? MountStatus::mounted : MountStatus::writerGone;
   } else {

@@ -46,7 +46,6 @@ namespace Memtab::Shm {
 
 namespace {
 
-constexpr unsigned kMaxAttempts = 256;
 constexpr unsigned kLivenessAttempt = 8;
 constexpr std::size_t kSmallFreeUnits = 512;  // runs below 4 KiB kept by exact size
 constexpr std::uint64_t kCommitChunk = 4u << 20;
@@ -147,11 +146,6 @@ bool View::validIndex(const IndexWord& ix) const {
          ix.offset <= mapped_ && ix.bytes() <= mapped_ - ix.offset;
 }
 
-void View::refresh() {
-  std::uint64_t fb = header()->fileBytes.load(std::memory_order_acquire);
-  if (fb > mapped_ && fd_ >= 0) remap(fb);
-}
-
 void View::remap(std::uint64_t bytes) {
   struct stat st;
   if (fstat(fd_, &st) != 0) return;
@@ -199,114 +193,7 @@ bool View::backOff(unsigned attempt, bool* ignoreOdd) {
   // next writer repairs the table; what it holds is still a consistent
   // state, so read it as it is.
   if (attempt == kLivenessAttempt && !writerAlive()) *ignoreOdd = true;
-  return attempt + 1 < kMaxAttempts;
-}
-
-View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std::vector<std::uint8_t>& into,
-                            std::uint32_t* length, bool trustOdd) {
-  std::uint64_t off = bucketRecord(w);
-  auto stillThere = [&] { return word(base_, bucketAt).load(std::memory_order_acquire) == w; };
-  if (off < heapStart_ || off > mapped_ - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
-  auto& rw = word(base_, off);
-  std::uint64_t w0 = rw.load(std::memory_order_acquire);
-  if ((recordVersion(w0) & 1) != 0 && !trustOdd) return Copy::unstable;
-  std::uint32_t len = recordLength(w0);
-  if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
-  into.resize(len);
-  std::memcpy(into.data(), base_ + off + kRecordHeader, len);
-  std::atomic_thread_fence(std::memory_order_acquire);
-  if (rw.load(std::memory_order_relaxed) != w0 && !trustOdd) return Copy::unstable;
-  if (!stillThere() && !trustOdd) return Copy::unstable;
-  *length = len;
-  return Copy::ok;
-}
-
-bool View::replaced(std::uint64_t indexWord) const {
-  std::atomic_thread_fence(std::memory_order_acquire);
-  return header()->index.load(std::memory_order_relaxed) != indexWord;
-}
-
-View::Found View::find(std::uint32_t hash, Matcher match, void* context, std::string* why) {
-  refresh();
-  bool ignoreOdd = false;
-  for (unsigned attempt = 0;; ++attempt) {
-    // After the last attempt, read what is there as it is: better an answer
-    // from a writer stuck mid-move than no answer.
-    const bool trust = ignoreOdd || attempt >= kMaxAttempts;
-    std::uint64_t iw = header()->index.load(std::memory_order_acquire);
-    IndexWord ix = IndexWord::decode(iw);
-    if (!validIndex(ix)) {
-      refresh();
-      if (!validIndex(ix)) {
-        *why = "bucket array lies outside the segment";
-        return Found::corrupt;
-      }
-    }
-    const std::uint32_t home = homeOf(hash, ix.homeBuckets());
-    const std::uint32_t limit = std::min(ix.totalBuckets(), home + kMaxDisplacement + 1);
-    constexpr unsigned kMaxBlocks = kMaxDisplacement / kBucketsPerBlock + 3;
-    std::uint32_t blocks[kMaxBlocks];
-    std::uint64_t seqs[kMaxBlocks];
-    unsigned nb = 0;
-    bool retry = false;
-    for (std::uint32_t pos = home; pos < limit; ++pos) {
-      std::uint32_t blk = pos / kBucketsPerBlock;
-      if (nb == 0 || blocks[nb - 1] != blk) {
-        std::uint64_t s = word(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
-        if ((s & 1) != 0 && !trust) {
-          retry = true;
-          break;
-        }
-        blocks[nb] = blk;
-        seqs[nb] = s;
-        ++nb;
-      }
-      std::uint64_t at = ix.offset + bucketOffset(pos);
-      std::uint64_t w = word(base_, at).load(std::memory_order_acquire);
-      if (w == 0) break;
-      std::uint32_t h = bucketHash(w);
-      if (h < hash) continue;
-      if (h > hash) break;
-      std::uint32_t len = 0;
-      Copy c = copyRecord(at, w, scratch_, &len, trust);
-      if (c == Copy::unstable) {
-        retry = true;
-        break;
-      }
-      if (c == Copy::bad) {
-        if (!trust && replaced(iw)) {
-          retry = true;
-          break;
-        }
-        *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
-        return Found::corrupt;
-      }
-      std::string detail;
-      Verdict v = match(context, scratch_, len, &detail);
-      if (v != Verdict::noMatch && !trust && replaced(iw)) {
-        // Read through a bucket array the writer has replaced (and perhaps
-        // reused): neither answer counts.
-        retry = true;
-        break;
-      }
-      if (v == Verdict::match) return Found::yes;
-      if (v == Verdict::invalid) {
-        *why = "record at offset " + std::to_string(bucketRecord(w)) + ": " + detail;
-        return Found::corrupt;
-      }
-    }
-    if (!retry && !trust) {
-      std::atomic_thread_fence(std::memory_order_acquire);
-      for (unsigned i = 0; i < nb && !retry; ++i) {
-        retry = word(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) !=
-                seqs[i];
-      }
-      retry = retry || header()->index.load(std::memory_order_relaxed) != iw;
-    }
-    if (!retry) return Found::no;
-    backOff(attempt, &ignoreOdd);
-    refresh();
-  }
+  return attempt + 1 < kMaxReadAttempts;
 }
 
 std::vector<std::uint8_t>& View::groupImage(std::size_t i) {
@@ -319,7 +206,7 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
   refresh();
   bool ignoreOdd = false;
   for (unsigned attempt = 0;; ++attempt) {
-    const bool trust = ignoreOdd || attempt >= kMaxAttempts;
+    const bool trust = ignoreOdd || attempt >= kMaxReadAttempts;
     group_.clear();
     std::uint64_t iw = header()->index.load(std::memory_order_acquire);
     IndexWord ix = IndexWord::decode(iw);

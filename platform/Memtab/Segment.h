@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -60,6 +61,10 @@ class Codec {
 
 using CorruptionReport = std::function<void(const std::string&)>;
 
+// How often a reader reads again when the writer moved things under it
+// before it takes what it sees as it is.
+inline constexpr unsigned kMaxReadAttempts = 256;
+
 class View {
  public:
   // Opens table `name` read-only. Returns null when there is no such table or
@@ -72,8 +77,11 @@ class View {
   View& operator=(const View&) = delete;
 
   enum class Found { yes, no, corrupt };
-  // Looks for an entry with key hash `hash`; `match` decides on each candidate.
-  Found find(std::uint32_t hash, Matcher match, void* context, std::string* why);
+  // Looks for an entry with key hash `hash`; `match(image, length, why)`
+  // decides on each candidate and returns a Verdict. Inline: it is the path
+  // of every lookup.
+  template <class Match>
+  Found find(std::uint32_t hash, Match&& match, std::string* why);
 
   enum class Step { group, end, corrupt };
   // The next group of iteration: the entries with the smallest hash above
@@ -115,7 +123,10 @@ class View {
   View() = default;
   Header* header() const { return reinterpret_cast<Header*>(base_); }
   // Maps more of the file when the writer has grown it.
-  void refresh();
+  void refresh() {
+    std::uint64_t fb = header()->fileBytes.load(std::memory_order_acquire);
+    if (fb > mapped_ && fd_ >= 0) remap(fb);
+  }
   bool validIndex(const IndexWord& ix) const;
   void remap(std::uint64_t bytes);
   bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
@@ -212,5 +223,121 @@ class Store : public View {
   std::uint64_t carveAt_ = 0;
   std::uint64_t carveEnd_ = 0;
 };
+
+// ---------------------------------------------------------------- inline
+
+inline std::atomic<std::uint64_t>& wordAt(std::uint8_t* base, std::uint64_t offset) {
+  return *reinterpret_cast<std::atomic<std::uint64_t>*>(base + offset);
+}
+
+inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std::vector<std::uint8_t>& into,
+                            std::uint32_t* length, bool trustOdd) {
+  std::uint64_t off = bucketRecord(w);
+  auto stillThere = [&] { return wordAt(base_, bucketAt).load(std::memory_order_acquire) == w; };
+  if (off < heapStart_ || off > mapped_ - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
+  // The image usually runs into the next cache line: fetch it alongside the
+  // record word rather than after it.
+  if (off + 2 * kBlockBytes <= mapped_) __builtin_prefetch(base_ + off + kBlockBytes);
+  auto& rw = wordAt(base_, off);
+  std::uint64_t w0 = rw.load(std::memory_order_acquire);
+  if ((recordVersion(w0) & 1) != 0 && !trustOdd) return Copy::unstable;
+  std::uint32_t len = recordLength(w0);
+  if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
+  into.resize(len);
+  std::memcpy(into.data(), base_ + off + kRecordHeader, len);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (rw.load(std::memory_order_relaxed) != w0 && !trustOdd) return Copy::unstable;
+  if (!stillThere() && !trustOdd) return Copy::unstable;
+  *length = len;
+  return Copy::ok;
+}
+
+inline bool View::replaced(std::uint64_t indexWord) const {
+  std::atomic_thread_fence(std::memory_order_acquire);
+  return header()->index.load(std::memory_order_relaxed) != indexWord;
+}
+
+template <class Match>
+View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
+  refresh();
+  bool ignoreOdd = false;
+  for (unsigned attempt = 0;; ++attempt) {
+    // After the last attempt, read what is there as it is: better an answer
+    // from a writer stuck mid-move than no answer.
+    const bool trust = ignoreOdd || attempt >= kMaxReadAttempts;
+    std::uint64_t iw = header()->index.load(std::memory_order_acquire);
+    IndexWord ix = IndexWord::decode(iw);
+    if (!validIndex(ix)) {
+      refresh();
+      if (!validIndex(ix)) {
+        *why = "bucket array lies outside the segment";
+        return Found::corrupt;
+      }
+    }
+    const std::uint32_t home = homeOf(hash, ix.homeBuckets());
+    const std::uint32_t limit = std::min(ix.totalBuckets(), home + kMaxDisplacement + 1);
+    constexpr unsigned kMaxBlocks = kMaxDisplacement / kBucketsPerBlock + 3;
+    std::uint32_t blocks[kMaxBlocks];
+    std::uint64_t seqs[kMaxBlocks];
+    unsigned nb = 0;
+    bool retry = false;
+    for (std::uint32_t pos = home; pos < limit; ++pos) {
+      std::uint32_t blk = pos / kBucketsPerBlock;
+      if (nb == 0 || blocks[nb - 1] != blk) {
+        std::uint64_t s = wordAt(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
+        if ((s & 1) != 0 && !trust) {
+          retry = true;
+          break;
+        }
+        blocks[nb] = blk;
+        seqs[nb] = s;
+        ++nb;
+      }
+      std::uint64_t at = ix.offset + bucketOffset(pos);
+      std::uint64_t w = wordAt(base_, at).load(std::memory_order_acquire);
+      if (w == 0) break;
+      std::uint32_t h = bucketHash(w);
+      if (h < hash) continue;
+      if (h > hash) break;
+      std::uint32_t len = 0;
+      Copy c = copyRecord(at, w, scratch_, &len, trust);
+      if (c == Copy::unstable) {
+        retry = true;
+        break;
+      }
+      if (c == Copy::bad) {
+        if (!trust && replaced(iw)) {
+          retry = true;
+          break;
+        }
+        *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
+        return Found::corrupt;
+      }
+      Verdict v = match(scratch_, len, why);
+      if (v != Verdict::noMatch && !trust && replaced(iw)) {
+        // Read through a bucket array the writer has replaced (and perhaps
+        // reused): neither answer counts.
+        retry = true;
+        break;
+      }
+      if (v == Verdict::match) return Found::yes;
+      if (v == Verdict::invalid) {
+        why->insert(0, "record at offset " + std::to_string(bucketRecord(w)) + ": ");
+        return Found::corrupt;
+      }
+    }
+    if (!retry && !trust) {
+      std::atomic_thread_fence(std::memory_order_acquire);
+      for (unsigned i = 0; i < nb && !retry; ++i) {
+        retry = wordAt(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) !=
+                seqs[i];
+      }
+      retry = retry || header()->index.load(std::memory_order_relaxed) != iw;
+    }
+    if (!retry) return Found::no;
+    backOff(attempt, &ignoreOdd);
+    refresh();
+  }
+}
 
 }  // namespace Memtab::Shm

@@ -359,19 +359,12 @@ class Table {
   bool find(const Key& key, V* out) const {
     Shm::View* v = view();
     if (v == nullptr) return false;
-    struct Context {
-      const Key* key;
-      V* out;
-    } context{&key, out};
-    auto match = [](void* c, std::vector<std::uint8_t>& image, std::uint32_t length,
-                    std::string* why) {
-      auto* ctx = static_cast<Context*>(c);
-      if (!detail::decode(image, length, ctx->out, why)) return Shm::Verdict::invalid;
-      return ValueTraits<V>::key(*ctx->out) == *ctx->key ? Shm::Verdict::match
-                                                         : Shm::Verdict::noMatch;
+    auto match = [&](std::vector<std::uint8_t>& image, std::uint32_t length, std::string* why) {
+      if (!detail::decode(image, length, out, why)) return Shm::Verdict::invalid;
+      return ValueTraits<V>::key(*out) == key ? Shm::Verdict::match : Shm::Verdict::noMatch;
     };
     std::string why;
-    switch (v->find(detail::hashOf<V>(key), match, &context, &why)) {
+    switch (v->find(detail::hashOf<V>(key), match, &why)) {
       case Shm::View::Found::yes: return true;
       case Shm::View::Found::no: return false;
       case Shm::View::Found::corrupt: reportCorruption(why); return false;
