@@ -6,7 +6,6 @@
 // [1, 100), like mixed link bandwidths), budgets 64, 4096 and 65535, weight
 // deviations 0.0 (grow until every share is exact or the budget runs out) and
 // 0.05.
-#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <random>
@@ -59,21 +58,23 @@ struct Input {
 // path for the ratio table printed at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  // `order`: the inputs in the order the table lists them.
+  explicit RatioReporter(std::vector<std::string> order) : order_(std::move(order)) {}
+
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& r : runs) {
       if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
       std::string name = r.run_name.function_name;  // "<path>/<input>"
       const auto slash = name.find('/');
-      const std::string input = name.substr(slash + 1);
-      if (std::find(order_.begin(), order_.end(), input) == order_.end()) order_.push_back(input);
-      times_[input][name.substr(0, slash)] = r.GetAdjustedCPUTime();
+      times_[name.substr(slash + 1)][name.substr(0, slash)] = r.GetAdjustedCPUTime();
     }
   }
   void printRatios() const {
     std::printf("\n%-30s %14s %14s %10s\n", "input (median CPU time)", "reference", "fast",
                 "ref/fast");
     for (const std::string& input : order_) {
+      if (times_.count(input) == 0) continue;  // filtered out
       const auto& byPath = times_.at(input);
       const auto ref = byPath.find("reference");
       const auto fast = byPath.find("fast");
@@ -114,7 +115,9 @@ int main(int argc, char** argv) {
   argv = args.data();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  std::vector<std::string> order;
+  for (const Input& in : inputs) order.push_back(in.key());
+  RatioReporter reporter(std::move(order));
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.printRatios();
   benchmark::Shutdown();
