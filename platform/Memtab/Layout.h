@@ -39,6 +39,8 @@ inline constexpr std::uint32_t kMaxDisplacement = kTailBlocks * kBucketsPerBlock
 inline constexpr std::uint32_t kMaxHomeBlocks = (1u << 24) - 1;
 inline constexpr std::uint32_t kMaxImageBytes = (1u << 24) - 1;
 inline constexpr std::size_t kRecordHeader = 8;
+// Buckets hold record offsets in 8-byte units in 32 bits.
+inline constexpr std::uint64_t kMaxSegmentBytes = std::uint64_t{1} << 35;
 inline constexpr std::size_t kRingEntryHeader = 16;
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);

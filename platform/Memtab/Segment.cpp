@@ -60,6 +60,16 @@ std::uint64_t alignUp(std::uint64_t v, std::uint64_t a) { return (v + a - 1) & ~
 
 std::string errnoText() { return std::strerror(errno); }
 
+// Whether this process can map and size a segment of `bytes` (a 32-bit
+// process cannot map a table a 64-bit writer has grown past 2 GiB).
+bool mappable(std::uint64_t bytes) {
+  if constexpr (sizeof(std::size_t) < 8 || sizeof(off_t) < 8) {
+    return bytes <= 0x7fffffffu;
+  } else {
+    return true;
+  }
+}
+
 void cpuRelax() {
 #if defined(__i386__) || defined(__x86_64__)
   __builtin_ia32_pause();
@@ -95,6 +105,11 @@ std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, s
   }
   auto size = static_cast<std::uint64_t>(st.st_size);
   if (size < kHeaderBytes) {  // the writer is still making it
+    close(fd);
+    return nullptr;
+  }
+  if (!mappable(size)) {
+    *why = path + " is too large for this process to map";
     close(fd);
     return nullptr;
   }
@@ -151,7 +166,7 @@ void View::remap(std::uint64_t bytes) {
   if (fstat(fd_, &st) != 0) return;
   // Never map past the end of the file: touching such pages would fault.
   std::uint64_t size = std::min<std::uint64_t>(bytes, static_cast<std::uint64_t>(st.st_size));
-  if (size <= mapped_) return;
+  if (size <= mapped_ || !mappable(size)) return;
   void* mem = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd_, 0);
   if (mem == MAP_FAILED) return;
   munmap(base_, mapped_);
@@ -430,6 +445,10 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     s->fd_ = fd;
     s->inode_ = st.st_ino;
     auto size = static_cast<std::uint64_t>(st.st_size);
+    if (!mappable(size)) {
+      throw Cog::RangeException("memtab table " + config.name +
+                                " is too large for this process to map");
+    }
     if (size >= kHeaderBytes) {
       void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
       if (mem == MAP_FAILED) {
@@ -678,6 +697,10 @@ void Store::release(std::uint64_t offset, std::uint64_t bytes) {
 void Store::growFile(std::uint64_t atLeast) {
   std::uint64_t size = std::max(atLeast, mapped_ + mapped_ / 2);
   size = alignUp(size, size > (64u << 20) ? (4u << 20) : 65536);
+  if (!mappable(size)) {
+    throw Cog::RangeException("memtab table " + name_ + ": cannot grow past " +
+                              std::to_string(mapped_) + " bytes in this process");
+  }
   if (shared_ && ftruncate(fd_, static_cast<off_t>(size)) != 0) {
     throw Cog::RangeException("memtab table " + name_ + ": cannot grow segment: " + errnoText());
   }
@@ -727,6 +750,10 @@ std::uint64_t Store::allocate(std::uint64_t bytes, std::uint64_t align) {
   std::uint64_t top = header()->heapTop.load(std::memory_order_relaxed);
   std::uint64_t off = alignUp(top, align);
   std::uint64_t end = off + bytes;
+  if (end > kMaxSegmentBytes) {
+    throw Cog::RangeException("memtab table " + name_ + " cannot grow past " +
+                              std::to_string(kMaxSegmentBytes) + " bytes");
+  }
   if (end > mapped_) growFile(end);
   if (shared_ && end > reservedEnd_) {
     // Take the memory now, so that a full /dev/shm is an error here rather
