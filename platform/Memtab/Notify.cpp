@@ -435,8 +435,10 @@ void Hub::drain() {
 
 }  // namespace
 
-Mount::Mount(std::string tableName, std::uint32_t typeTag, CorruptionReport report)
-    : name_(std::move(tableName)), typeTag_(typeTag), report_(std::move(report)) {
+Mount::Mount(std::string tableName, std::uint32_t typeTag, uid_t writerUid,
+             CorruptionReport report)
+    : name_(std::move(tableName)), typeTag_(typeTag), writerUid_(writerUid),
+      report_(std::move(report)) {
   validateTableName(name_);
   link_ = std::make_unique<Link>(name_);
 }
@@ -466,7 +468,7 @@ Mount::Update Mount::update(bool check) {
   }
   if (!view_ && hint) {
     std::string why;
-    view_ = View::open(name_, typeTag_, &why);
+    view_ = View::open(name_, typeTag_, writerUid_, &why);
     if (!why.empty()) report_("memtab table " + name_ + ": " + why);
     if (view_) {
       ringPosition_ = view_->ringHead();

@@ -95,7 +95,7 @@ class ReaderLinks {
 // its writer.
 class Mount {
  public:
-  Mount(std::string tableName, std::uint32_t typeTag, CorruptionReport report);
+  Mount(std::string tableName, std::uint32_t typeTag, uid_t writerUid, CorruptionReport report);
   ~Mount();
   Mount(const Mount&) = delete;
   Mount& operator=(const Mount&) = delete;
@@ -124,6 +124,7 @@ class Mount {
  private:
   std::string name_;
   std::uint32_t typeTag_;
+  uid_t writerUid_;
   CorruptionReport report_;
   std::unique_ptr<View> view_;
   std::unique_ptr<Link> link_;

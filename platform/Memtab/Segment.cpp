@@ -85,7 +85,8 @@ View::~View() {
   if (fd_ >= 0) close(fd_);
 }
 
-std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, std::string* why) {
+std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, uid_t writerUid,
+                                 std::string* why) {
   std::string path = segmentName(name);
   int fd = shm_open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
@@ -98,7 +99,7 @@ std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, s
     close(fd);
     return nullptr;
   }
-  if (st.st_uid != geteuid() && st.st_uid != 0) {
+  if (st.st_uid != geteuid() && st.st_uid != 0 && st.st_uid != writerUid) {
     *why = path + " belongs to uid " + std::to_string(st.st_uid) + ", which this reader does not trust";
     close(fd);
     return nullptr;

@@ -69,9 +69,10 @@ class View {
  public:
   // Opens table `name` read-only. Returns null when there is no such table or
   // it is not ready yet; sets `why` and returns null when it exists but is
-  // unusable (wrong type, bad header, untrusted owner).
+  // unusable (wrong type, bad header, owned by a user other than this
+  // process's, root or `writerUid`).
   static std::unique_ptr<View> open(std::string_view name, std::uint32_t typeTag,
-                                    std::string* why);
+                                    uid_t writerUid, std::string* why);
   virtual ~View();
   View(const View&) = delete;
   View& operator=(const View&) = delete;

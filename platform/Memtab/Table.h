@@ -121,8 +121,12 @@ struct Options {
   // Readers that fall more than this behind get onTable().
   std::size_t ringBytes = 1u << 20;
   mode_t mode = 0600;
-  // A group whose members may read the table (adds group read to `mode`).
+  // Writer: a group whose members may read the table (adds group read to
+  // `mode`). Readers in that group that run as another user name the
+  // writer's user in `writerUid`; by default a reader trusts only tables
+  // owned by its own user or root.
   std::string group;
+  uid_t writerUid = static_cast<uid_t>(-1);
   // Receives a message for every piece of corruption met; by default the
   // message goes to stderr.
   std::function<void(const std::string&)> corruptionHandler;
@@ -570,7 +574,7 @@ class Reader : public Table<V> {
   explicit Reader(std::string name, Options options = {})
       : Table<V>(std::move(name), options, false) {
     mount_ = std::make_unique<Shm::Mount>(this->name_, detail::typeTag(ValueTraits<V>::typeName()),
-                                          this->reporter());
+                                          options.writerUid, this->reporter());
     mount_->update(true);
     // The first processNotifications() announces the initial state.
     mount_->wake();
