@@ -71,11 +71,13 @@ def lcfirst(s):
 
 
 def notifies(m):
-    return m.kind in ("attr", "collection", "owned")
+    return m.kind in ("attr", "collection", "owned", "memtab")
 
 
 def on_params(m):
     """Parameter list of the notification onX(...) of member m."""
+    if m.kind == "memtab":
+        return "const Memtab::KeyOf<%s>& key" % m.type.cpp
     if m.kind != "collection":
         return ""
     if m.collection == "array":

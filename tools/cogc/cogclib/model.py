@@ -45,6 +45,8 @@ COLLECTIONS = {
     "ordered": (2, "Cog::RbTreeMap", True, False),
     "set": (1, "Cog::HashSet2018", False, True),
     "array": (1, "Cog::DynArray", True, False),
+    # shared-memory keyed table of values that carry their own key
+    "memtab": (1, "Memtab::Table", False, False),
 }
 
 
@@ -141,7 +143,7 @@ class Member:
         return self.name[0].upper() + self.name[1:]
 
     def is_stored(self):
-        return self.kind in ("param", "attr", "collection", "owned", "input", "output")
+        return self.kind in ("param", "attr", "collection", "owned", "input", "output", "memtab")
 
 
 class Value:
@@ -177,6 +179,7 @@ class Record(Type):
         self.members = []  # own members in index order
         self.custom_hash = False
         self.custom_handle_initialized = False
+        self.cpp_decls = []  # hand-written C++ member declarations, as written
         self.name_member = None  # the `name: Name` parameter: the framework entity's name
         self.params = []  # the other constructor parameters (resolved before any member)
 
@@ -560,6 +563,8 @@ class Model:
                 m = self.resolve_link(r, syn)
                 if m is not None:
                     add(m, stored)
+            elif isinstance(syn, S.CppDecl):
+                r.cpp_decls.append(syn.text)
         r.members = params + stored + consts + funcs
         first = ENTITY_BLOCKS[level] if entityish else VALUE_FIRST_INDEX
         for i, m in enumerate(r.members):
@@ -614,6 +619,20 @@ class Model:
         tr = self.resolve_type(syn.type, r.namespace, allow_collection=True)
         if tr is None:
             return None
+        if isinstance(tr, tuple) and tr[0] == "memtab":
+            m = Member("memtab", syn.name, syn.pos)
+            m.type = tr[1][0]
+            if r.kind == "value":
+                self.diags.error(syn.type.pos, "a shared-memory table belongs to an entity, not to "
+                                 "value type %s" % r.name)
+            if not (isinstance(m.type, Record) and m.type.kind == "value") and \
+                    not isinstance(m.type, Extern):
+                self.diags.error(syn.type.pos, "a shared-memory table holds value types, not %s"
+                                 % m.type.full_name)
+            if syn.default is not None or syn.bounds is not None or syn.flags:
+                self.diags.error(syn.pos, "shared-memory table %s takes no default, bounds or "
+                                          "flags" % syn.name)
+            return m
         if isinstance(tr, tuple):
             kind, args = tr
             m = Member("collection", syn.name, syn.pos)
@@ -885,7 +904,9 @@ def type_name(t):
 
 def describe_member(m):
     s = "%d %s %s" % (m.index, m.kind, m.name)
-    if m.kind == "collection":
+    if m.kind == "memtab":
+        s += ": memtab<%s>" % m.type.full_name
+    elif m.kind == "collection":
         if m.type is None:
             s += ": %s<%s>" % (m.collection, m.key.full_name)
         else:

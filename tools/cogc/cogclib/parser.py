@@ -206,6 +206,11 @@ class Parser:
 
     def member(self):
         t = self.tok
+        if t.kind == "name" and t.text == "cpp" and self.peek().kind == "string":
+            self.take()
+            text = self.take().text
+            self.expect(";")
+            return S.CppDecl(text, t.pos)
         if self.accept("const"):
             n = self.name("a constant name")
             self.expect(":")

@@ -91,6 +91,14 @@ class Link:
 
 
 @dataclass
+class CppDecl:
+    """A hand-written member declaration the language cannot spell (raw
+    pointers, templates), emitted as written in the class."""
+    text: str
+    pos: Position
+
+
+@dataclass
 class Enumerator:
     name: str
     value: Optional[Expr]
