@@ -160,6 +160,27 @@ class Compiler(unittest.TestCase):
         self.assertIn(os.path.join(self.dir.name, "Base.cog"), deps)
         self.assertIn("value.h.j2", deps)
 
+    def test_memtab_and_cpp_members(self):
+        m = self.model("""\
+            namespace A {
+              value K { v: u32; }
+              value E { key: K; cpp "std::size_t serializeLen() const;"; }
+              entity T(name: Name) { t: memtab<E>; n: u8; }
+            }
+            """)
+        self.assertIn("  entity A::T\n    258 memtab t: memtab<A::E>\n    259 attr n: U8\n", m)
+        errs = self.errors("""\
+            namespace A {
+              value E { x: u8; }
+              value V { t: memtab<E>; }
+              entity T(name: Name) { t: memtab<u8>; }
+            }
+            """)
+        self.assertEqual(errs, [
+            "Bad.cog:3: error: a shared-memory table belongs to an entity, not to value type V",
+            "Bad.cog:4: error: a shared-memory table holds value types, not U8",
+        ])
+
     def test_missing_import(self):
         errs = self.errors("import Nowhere;\nnamespace A { value V { x: u8; } }\n")
         self.assertEqual(errs, ["Bad.cog:1: error: cannot find schema unit Nowhere "
