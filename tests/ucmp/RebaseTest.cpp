@@ -171,14 +171,6 @@ TEST(UcmpRebaseTrace, LevelTwoLinesAreTheSameOnBothLoops) {
   }
 }
 
-TEST(UcmpRebaseTrace, NothingIsBuiltWhenTheHandleIsOff) {
-  Cog::Trace::CaptureSink sink;
-  Cog::Trace::levelIs("UcmpWeightRebase", Cog::Trace::kOff);
-  RoutingLib::detail::rebase({10, 3, 1}, 16, 0.05f);
-  RoutingLib::detail::rebaseReference({10, 3, 1}, 16, 0.05f);
-  EXPECT_TRUE(sink.texts().empty());
-}
-
 using UcmpRebaseDeathTest = ::testing::Test;
 
 TEST_F(UcmpRebaseDeathTest, BrokenPreconditionsAbortWithTheirText) {
@@ -197,13 +189,6 @@ TEST_F(UcmpRebaseDeathTest, BrokenPreconditionsAbortWithTheirText) {
     EXPECT_DEATH(path.fn({}, 4, 0.1f), sum);
     EXPECT_DEATH(path.fn({0, 0, 0}, 4, 0.1f), sum);
     EXPECT_DEATH(path.fn({1.5, -1.5}, 4, 0.1f), sum);
-  }
-}
-
-TEST(UcmpRebase, DeviationBoundsAreAccepted) {
-  for (const Path& path : kPaths) {
-    EXPECT_EQ(path.fn({2, 1}, 64, 0.0f).weights, (Weights{2, 1}));
-    EXPECT_EQ(path.fn({2, 1}, 64, 1.0f).weights, (Weights{1, 1}));
   }
 }
 
