@@ -157,11 +157,6 @@ bool View::checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::stri
   return true;
 }
 
-bool View::validIndex(const IndexWord& ix) const {
-  return ix.homeBlocks >= 1 && ix.homeBlocks <= kMaxHomeBlocks && ix.offset >= heapStart_ &&
-         ix.offset <= mapped_ && ix.bytes() <= mapped_ - ix.offset;
-}
-
 void View::remap(std::uint64_t bytes) {
   struct stat st;
   if (fstat(fd_, &st) != 0) return;

@@ -128,7 +128,10 @@ class View {
     std::uint64_t fb = header()->fileBytes.load(std::memory_order_acquire);
     if (fb > mapped_ && fd_ >= 0) remap(fb);
   }
-  bool validIndex(const IndexWord& ix) const;
+  bool validIndex(const IndexWord& ix) const {
+    return ix.homeBlocks >= 1 && ix.homeBlocks <= kMaxHomeBlocks && ix.offset >= heapStart_ &&
+           ix.offset <= mapped_ && ix.bytes() <= mapped_ - ix.offset;
+  }
   void remap(std::uint64_t bytes);
   bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
 

@@ -246,7 +246,8 @@ class Table {
   // read: then the corruption handler has the reason).
   V lookup(const Key& key) const {
     V out;
-    return find(key, &out) ? out : V();
+    if (!find(key, &out)) out = V();
+    return out;
   }
   std::optional<V> find(const Key& key) const {
     V out;
