@@ -2,6 +2,7 @@
 // attribute-log id of fecMode, the collection operations and iterators.
 #include <gtest/gtest.h>
 
+#include "Cog/Dir.h"
 #include "Cog/GenericIf.h"
 #include "Cog/NboAttrLogSa.h"
 #include "RoutingLib/FecBasicTypes.h"
@@ -32,6 +33,16 @@ TEST(FecModeStatus, NotifiesOnlyOnChange) {
   EXPECT_EQ(status->name().str(), "restored");
   EXPECT_TRUE(status->cogHasAttrLogInterface());
   EXPECT_EQ(status->fwkType()->member("fecMode")->index, 258u);
+}
+
+TEST(FecModeStatus, MadeInADirectoryByTypeName) {
+  auto dir = Cog::allocate<Cog::Dir>(Cog::Name("status"));
+  auto e = dir->entityNew("Memtab::Fib::FecModeStatus", Cog::Name("fec"));
+  auto* status = dynamic_cast<FecModeStatus*>(e.ptr());
+  ASSERT_NE(status, nullptr);
+  EXPECT_EQ(status->name().str(), "fec");
+  EXPECT_EQ(dir->entity(Cog::Name("fec")), e);
+  EXPECT_EQ(dir->entityNew("Memtab::Fib::FecModeStatus", Cog::Name("fec")), e);
 }
 
 TEST(FecModeStatus, AttributeLogMirror) {
