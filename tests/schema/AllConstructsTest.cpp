@@ -88,6 +88,24 @@ TEST(AllConstructs, BoundsTexts) {
   EXPECT_EQ(rangeText([] { Bounded(200, 1, 0); }), "Bounded::level < -1 or > 100 not allowed");
 }
 
+struct ThresholdWatcher : Tables::NotifieeConst {
+  int calls = 0;
+  void onThreshold() override { ++calls; }
+};
+
+TEST(AllConstructs, StoreBeforeCheckKeepsTheRefusedValue) {
+  auto t = tablesFactory(Cog::Name("t"));
+  auto w = Cog::allocate<ThresholdWatcher>();
+  w->notifierIs(t);
+  EXPECT_EQ(rangeText([&] { t->thresholdIs(101); }), "Tables::threshold < -1 or > 100 not allowed");
+  EXPECT_EQ(t->threshold(), 101);
+  EXPECT_EQ(w->calls, 0);
+  t->thresholdIs(100);
+  t->thresholdIs(-1);
+  EXPECT_EQ(w->calls, 2);
+  EXPECT_THROW(t->thresholdIs(-2), Cog::RangeException);
+}
+
 TEST(AllConstructs, CollectionsInValues) {
   WithCollections v;
   EXPECT_EQ(valueToStrep(v).str(),

@@ -683,7 +683,11 @@ class Model:
             if syn.bounds is not None:
                 m.bounds = self.resolve_bounds(r, m, syn.bounds)
         for f in syn.flags:
-            if f != "resync":
+            if f == "storeBeforeCheck":
+                if m.kind != "attr" or m.bounds is None or r.kind == "value":
+                    self.diags.error(syn.pos, "storeBeforeCheck applies to bounded entity "
+                                              "attributes")
+            elif f != "resync":
                 self.diags.error(syn.pos, "unknown attribute flag %s" % f)
             elif m.kind != "collection":
                 self.diags.error(syn.pos, "resync applies to keyed collections, not to %s"
