@@ -200,7 +200,7 @@ TEST(MemtabCorruption, AGarbledChangeRingCostsTheReaderOneWholeTableNotification
 // that must neither crash nor run past its alarm.
 TEST(MemtabCorruption, RandomDamageNeverCrashesOrHangsReadersOrARestartedWriter) {
   std::mt19937_64 rng(2024);
-  for (int round = 0; round < 150; ++round) {
+  for (int round = 0; round < 150 / kScale; ++round) {
     TableName name("fuzz");
     {
       Memtab::Options o;

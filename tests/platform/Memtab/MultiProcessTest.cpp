@@ -265,7 +265,7 @@ TEST(MemtabProcesses, NotificationsReachAReaderInAnotherProcess) {
 
 TEST(MemtabProcesses, AMillionEntries) {
   TableName name("million");
-  constexpr std::uint64_t kEntries = 1000000;
+  constexpr std::uint64_t kEntries = 1000000 / kScale;
   Memtab::Options o;
   o.ringBytes = 0;
   Memtab::Writer<Record> w(name, o);
