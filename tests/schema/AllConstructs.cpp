@@ -40,6 +40,11 @@ Cog::String Derived::describe() const {
   return Cog::String(name().str() + ":" + std::to_string(count()) + ":" + stringValue(color()).str());
 }
 
+Cog::Ptr<Leaf> Derived::adopt(const Cog::Ptr<Leaf>& leaf) {
+  if (leaf) leaf->xIs(count());
+  return leaf;
+}
+
 void Mirror::handleCount() {
   COG_TRACE(8, __PRETTY_FUNCTION__);
   if (target() && source()) target()->xIs(source()->count());

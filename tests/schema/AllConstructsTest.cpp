@@ -208,6 +208,10 @@ TEST(AllConstructs, EntityCollectionsAndInheritance) {
   EXPECT_EQ(w->log, (std::vector<std::string>{"count", "flags 1", "flags 1", "weights 1", "color",
                                               "items 4", "child", "items 4", "items 4", "child"}));
   EXPECT_EQ(d->describe().str(), "d:3:red");
+  auto leaf = leafFactory(Cog::Name("leaf"));
+  auto adopted = Cog::genericIfOf(d)->call("adopt", {Cog::genericIfOf(leaf)});
+  EXPECT_EQ(adopted->strRep().str(), "CogTest::Leaf('leaf')");
+  EXPECT_EQ(leaf->x(), 3u);
   // The ordered collection keeps its keys in order.
   d->itemsIs(9, red());
   d->itemsIs(2, red());

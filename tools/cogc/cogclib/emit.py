@@ -66,6 +66,13 @@ def signature(m, qualified=None):
     return s
 
 
+def unwrap(t, expr, name):
+    """C++ that converts the reflected argument `expr` to type t."""
+    if isinstance(t, Record) and t.is_entityish():
+        return 'Cog::Glue::genericEntityCast<%s>(%s, "%s")' % (t.cpp, expr, name)
+    return 'Cog::genericCast<%s>(%s, "%s")' % (cpp(t), expr, name)
+
+
 def lcfirst(s):
     return s[0].lower() + s[1:]
 
@@ -160,6 +167,7 @@ class Emitter:
                                 type_fn=type_fn)
         self.env.filters.update(lcfirst=lcfirst, on_params=on_params, key_arg=key_arg,
                                 key_cpp=key_cpp)
+        self.env.globals.update(unwrap=unwrap)
         self.env.globals.update(notifies=notifies, entity_value=entity_value, handlers=handlers)
         self.env.globals.update(signature=signature, ns_open=ns_open, ns_close=ns_close,
                                 isinstance=isinstance, Record=Record, Enum=Enum,
