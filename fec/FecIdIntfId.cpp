@@ -25,6 +25,8 @@ static_assert(kPart1IndexBits + 8 <= GenericIntfId::partBits(1));
 
 }  // namespace
 
+FecIdIntfId::FecIdIntfId(const Cog::String& name) : FecIdIntfId(IntfId(name)) {}
+
 std::uint32_t FecIdIntfId::fecIdIntfIdType() { return GenericIntfId::fecIdIntfIdType(); }
 
 bool FecIdIntfId::isFecIdIntfId(const IntfId& intfId) {

@@ -87,6 +87,14 @@ TEST(FecIdIntfId, OtherKindsFoldToNoFec) {
   }
 }
 
+TEST(FecIdIntfId, MadeFromTheInterfaceNameItPrints) {
+  const FecIdIntfId f(FecIdIntfId::fecIdToIntfId((std::uint64_t(5) << 56) | 0x12345));
+  const Cog::String name = valueToStrep(f.intfId());
+  EXPECT_EQ(FecIdIntfId(name), f);
+  EXPECT_EQ(FecIdIntfId(Cog::String("Ethernet3/1")).intfId(), IntfId::ethernet(3, 1));
+  EXPECT_THROW(FecIdIntfId(Cog::String("Ethernet3/1 trailing")), Cog::ParseException);
+}
+
 TEST(FecIdIntfId, NexthopGroupHelpersKeepTheAsymmetryAtZero) {
   for (std::uint32_t n : {1u, 7u, 0x7FFFFFu, 0x800000u, 0xFFFFFFFFu}) {
     const IntfId i = FecIdIntfId::nexthopGroupIdToIntfId(n);
