@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <iostream>
 #include <map>
 #include <string>
@@ -19,7 +20,11 @@ std::map<std::string, Entry>& commands() {
 
 void usage(std::ostream& os) {
   os << "usage: routinglib <command> [arguments]\n\ncommands:\n";
-  for (auto& [name, entry] : commands()) os << "  " << name << "  " << entry.summary << "\n";
+  std::size_t width = 0;
+  for (auto& [name, entry] : commands()) width = std::max(width, name.size());
+  for (auto& [name, entry] : commands()) {
+    os << "  " << name << std::string(width - name.size() + 2, ' ') << entry.summary << "\n";
+  }
 }
 
 }  // namespace
