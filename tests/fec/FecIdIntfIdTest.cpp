@@ -4,6 +4,8 @@
 // hierarchical conversions of FecId for every kind of interface id.
 #include <gtest/gtest.h>
 
+#include "support/ExceptionText.h"
+
 #include <functional>
 #include <random>
 #include <string>
@@ -28,14 +30,7 @@ FecId fec(unsigned t, std::uint64_t index) { return FecId((std::uint64_t{t} << 5
 FecId fec(AdjType t, std::uint64_t index) { return fec(static_cast<unsigned>(t), index); }
 unsigned typeOf(AdjType t) { return static_cast<unsigned>(t); }
 
-std::string rangeText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Cog::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
+std::string rangeText(const std::function<void()>& f) { return testsupport::exceptionText(f); }
 
 // Indexes that exercise each part's edges: the 23-bit split, the top of the
 // 40-bit range, and random ones.

@@ -3,6 +3,8 @@
 // error and assertion texts.
 #include <gtest/gtest.h>
 
+#include "support/ExceptionText.h"
+
 #include <sstream>
 
 #include "Cog/GenericIf.h"
@@ -17,14 +19,7 @@ constexpr std::uint64_t kTwo56 = std::uint64_t{1} << 56;
 
 FecId fec(AdjType t, std::uint64_t index) { return FecId::fecIdForAdjType(t, index); }
 
-std::string rangeText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Cog::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
+std::string rangeText(const std::function<void()>& f) { return testsupport::exceptionText(f); }
 
 TEST(FecId, LayoutAndValidity) {
   EXPECT_FALSE(FecId().isValid());

@@ -3,6 +3,8 @@
 // VRF name limit, the fixed sparse codes and the hand-written texts.
 #include <gtest/gtest.h>
 
+#include "support/ExceptionText.h"
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -15,14 +17,7 @@ using namespace Routing;
 
 namespace {
 
-std::string rangeText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Cog::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
+std::string rangeText(const std::function<void()>& f) { return testsupport::exceptionText(f); }
 
 Velnet::IpGenPrefix prefix(const char* text) { return Velnet::IpGenPrefix(Cog::String(text)); }
 

@@ -3,6 +3,8 @@
 // its defaults.
 #include <gtest/gtest.h>
 
+#include "support/ExceptionText.h"
+
 #include <functional>
 #include <string>
 
@@ -11,14 +13,7 @@
 
 namespace {
 
-std::string rangeText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Cog::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
+std::string rangeText(const std::function<void()>& f) { return testsupport::exceptionText(f); }
 
 TEST(Routing6, ConfigRecordsReuseTheIpv4Bases) {
   const Cog::CogType* config = Routing6::Config::cogType();

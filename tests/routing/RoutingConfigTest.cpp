@@ -4,6 +4,8 @@
 // part of the interface.
 #include <gtest/gtest.h>
 
+#include "support/ExceptionText.h"
+
 #include <functional>
 #include <string>
 
@@ -13,14 +15,7 @@
 
 namespace {
 
-std::string rangeText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Cog::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
+std::string rangeText(const std::function<void()>& f) { return testsupport::exceptionText(f); }
 
 TEST(RoutingConfig, RedirectDefaultsDifferOnPurpose) {
   // Configuration sends redirects unless told otherwise; the information

@@ -2,6 +2,8 @@
 // and attribute log: what the property suite cannot see generically.
 #include <gtest/gtest.h>
 
+#include "support/ExceptionText.h"
+
 #include <AllConstructs.h>
 
 #include "Cog/GenericIf.h"
@@ -11,14 +13,7 @@ using namespace CogTest;
 
 namespace {
 
-std::string rangeText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Cog::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
+std::string rangeText(const std::function<void()>& f) { return testsupport::exceptionText(f); }
 
 TEST(AllConstructs, DefaultsConstantsAndEnumerations) {
   Widths w;
