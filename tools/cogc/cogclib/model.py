@@ -180,6 +180,7 @@ class Record(Type):
         self.custom_hash = False
         self.custom_handle_initialized = False
         self.cpp_decls = []  # hand-written C++ member declarations, as written
+        self.impl = decl.impl  # (hand-written derived class, its header) or None
         self.name_member = None  # the `name: Name` parameter: the framework entity's name
         self.params = []  # the other constructor parameters (resolved before any member)
 
@@ -589,6 +590,10 @@ class Model:
 
     def resolve_params(self, r):
         d = r.decl
+        if d.impl is not None and r.kind not in ("entity", "holder"):
+            self.diags.error(d.pos, "only entities and holders are implemented by a "
+                                    "hand-written class")
+            r.impl = None
         if d.params is None:
             return
         if r.kind == "value":
@@ -896,6 +901,8 @@ class Model:
                 head = "  %s %s" % (d.kind, d.full_name)
                 if d.base is not None:
                     head += " : %s" % d.base.full_name
+                if d.impl is not None:
+                    head += " implemented %s in %s" % d.impl
                 out.append(head)
                 for m in d.members:
                     out.append("    " + describe_member(m))

@@ -180,8 +180,15 @@ class Parser:
         base = None
         if self.accept(":"):
             base = self.type_ref()
+        impl = None
+        if self.accept("implemented"):
+            impl_name, _ = self.qname("the hand-written class")
+            self.expect("in")
+            if self.tok.kind != "string":
+                self.fail("expected the hand-written class's header in quotes")
+            impl = (impl_name, self.take().text)
         self.expect("{")
-        decl = S.TypeDecl(kind, name.text, params, base, [], name.pos, ns)
+        decl = S.TypeDecl(kind, name.text, params, base, [], name.pos, ns, impl)
         self.file.decls.append(decl)
         while not self.at("}"):
             if self.tok.kind == "eof":

@@ -124,6 +124,9 @@ class TypeDecl:
     members: list
     pos: Position
     namespace: str = ""
+    # a hand-written class derived from this one that the factory makes:
+    # (qualified name, header)
+    impl: Optional[tuple] = None
 
 
 @dataclass
