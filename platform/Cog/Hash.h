@@ -26,7 +26,7 @@ class Hash {
   template <typename T>
     requires std::is_integral_v<T> || std::is_enum_v<T>
   void mix(T v) {
-    if constexpr (std::is_enum_v<T>) {
+    if constexpr (std::is_enum_v<T> || std::is_same_v<T, bool>) {
       mix32(static_cast<std::uint32_t>(v));
     } else if constexpr (sizeof(T) <= 4) {
       mix32(static_cast<std::uint32_t>(static_cast<std::make_unsigned_t<T>>(v)));

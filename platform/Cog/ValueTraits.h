@@ -84,7 +84,7 @@ struct ValueTraits<bool> {
   static bool parse(String::IteratorConst& it, const String::IteratorConst& end) {
     return Parse::boolean(it, end);
   }
-  static void hash(Hash& h, bool v) { h.mix(static_cast<std::uint32_t>(v)); }
+  static void hash(Hash& h, bool v) { h.mix(v); }
   static bool less(bool a, bool b) { return a < b; }
 };
 

@@ -63,3 +63,20 @@ TEST(Exception, RethrowFromDeserializeAttrKeepsKindAndNamesAttribute) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Hash, MixesEveryScalarKindByValue) {
+  auto of = [](auto v) {
+    Cog::Hash h;
+    h.mix(v);
+    return h.result();
+  };
+  EXPECT_EQ(of(true), of(std::uint32_t(1)));
+  EXPECT_EQ(of(std::uint8_t(7)), of(std::uint32_t(7)));
+  EXPECT_EQ(of(std::int8_t(-1)), of(std::uint32_t(0xff)));
+  EXPECT_EQ(of(0.0), of(-0.0)) << "+0 and -0 compare equal, so they hash equal";
+  EXPECT_NE(of(std::uint64_t(1)), of(std::uint64_t(1) << 32));
+}
+
+}  // namespace
