@@ -2,6 +2,8 @@
 // and a reader entity (as two processes would have) on one table.
 #include <gtest/gtest.h>
 
+#include "Memtab/Segment.h"
+
 #include <unistd.h>
 
 #include <AllConstructs.h>
@@ -49,6 +51,11 @@ TEST(MemtabAttribute, LocalTableNotifiesPerKey) {
 
 TEST(MemtabAttribute, WriterAndReaderShareOneTable) {
   std::string name = "cogtest" + std::to_string(getpid());
+  // The segment outlives the entities by design; remove it when the test ends.
+  struct Unlink {
+    std::string name;
+    ~Unlink() { Memtab::unlinkTable(name); }
+  } unlink{name};
   auto writer = tablesFactory(Cog::Name("w"));
   writer->entriesWriterIs(name);
   auto reader = tablesFactory(Cog::Name("r"));
