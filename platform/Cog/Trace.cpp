@@ -29,11 +29,11 @@ bool matches(std::string_view pattern, std::string_view name) {
   return pattern == name;
 }
 
-bool parse(std::string_view spec, std::vector<std::pair<std::string, int>>* out) {
-  while (!spec.empty()) {
-    auto comma = spec.find(',');
-    std::string_view item = spec.substr(0, comma);
-    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+bool parse(std::string_view settings, std::vector<std::pair<std::string, int>>* out) {
+  while (!settings.empty()) {
+    auto comma = settings.find(',');
+    std::string_view item = settings.substr(0, comma);
+    settings = comma == std::string_view::npos ? std::string_view() : settings.substr(comma + 1);
     if (item.empty()) continue;
     auto eq = item.find('=');
     if (eq == std::string_view::npos || eq == 0 || eq + 2 != item.size()) return false;
@@ -99,9 +99,9 @@ void levelIs(std::string_view pattern, int level) {
   }
 }
 
-bool configure(std::string_view spec) {
+bool configure(std::string_view settings) {
   std::vector<std::pair<std::string, int>> parsed;
-  if (!parse(spec, &parsed)) return false;
+  if (!parse(settings, &parsed)) return false;
   for (auto& [pattern, level] : parsed) levelIs(pattern, level);
   return true;
 }

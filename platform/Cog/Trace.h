@@ -64,7 +64,7 @@ class Handle {
 void levelIs(std::string_view pattern, int level);
 // Parses "name=level,pattern*=level,..." as COG_TRACE does. Returns false and
 // changes nothing on malformed text.
-bool configure(std::string_view spec);
+bool configure(std::string_view settings);
 // The handle registered under `name`, or nullptr.
 Handle* handle(std::string_view name);
 // Every handle registered so far, in registration order.
