@@ -19,18 +19,7 @@ namespace {
 // What one would write by hand: a struct of one 64-bit value.
 struct HandFecId {
   std::uint64_t value = 0;
-  std::uint32_t hash() const {
-    std::uint32_t h = 0;
-    for (unsigned i = 0; i < 8; ++i) {
-      h += static_cast<std::uint8_t>(value >> (8 * i));
-      h += h << 10;
-      h ^= h >> 6;
-    }
-    h += h << 3;
-    h ^= h >> 11;
-    h += h << 15;
-    return h;
-  }
+  std::uint32_t hash() const { return Cog::oneAtATimeHash(&value, sizeof value); }
   bool operator<(const HandFecId& o) const { return value < o.value; }
   bool operator==(const HandFecId& o) const { return value == o.value; }
 };

@@ -31,6 +31,7 @@
 #include <boost/unordered/unordered_flat_set.hpp>
 
 #include "Cog/Hash.h"
+#include "Cog/KeyedMap.h"
 #include "Cog/Ptr.h"
 
 namespace Cog {
@@ -65,49 +66,15 @@ struct KeyHash<Ptr<T>> {
 };
 
 template <typename K, typename V>
-class HashMap2018 {
-  using Table = boost::unordered_flat_map<K, V, KeyHash<K>>;
+class HashMap2018 : public KeyedMap<boost::unordered_flat_map<K, V, KeyHash<K>>> {
+  using Base = KeyedMap<boost::unordered_flat_map<K, V, KeyHash<K>>>;
+  using Base::table_;
 
  public:
-  using key_type = K;
-  using mapped_type = V;
-  using value_type = typename Table::value_type;
-  using iterator = typename Table::iterator;
-  using const_iterator = typename Table::const_iterator;
+  using typename Base::const_iterator;
+  using typename Base::iterator;
+  using Base::erase;
 
-  HashMap2018() = default;
-
-  std::size_t size() const { return table_.size(); }
-  bool empty() const { return table_.empty(); }
-  bool contains(const K& key) const { return table_.find(key) != table_.end(); }
-
-  V* find(const K& key) {
-    auto it = table_.find(key);
-    return it == table_.end() ? nullptr : &it->second;
-  }
-  const V* find(const K& key) const {
-    auto it = table_.find(key);
-    return it == table_.end() ? nullptr : &it->second;
-  }
-  // The iterator at `key`, or end().
-  iterator findIterator(const K& key) { return table_.find(key); }
-  const_iterator findIterator(const K& key) const { return table_.find(key); }
-
-  // Adds `value` under `key` unless the key is present. Returns the stored
-  // value and whether it was added.
-  std::pair<V*, bool> insert(const K& key, V value) {
-    auto [it, added] = table_.try_emplace(key, std::move(value));
-    return {&it->second, added};
-  }
-  // Stores `value` under `key`, replacing any value there.
-  V& insertOrAssign(const K& key, V value) {
-    return table_.insert_or_assign(key, std::move(value)).first->second;
-  }
-  // The value under `key`, default-constructed and added when absent.
-  V& operator[](const K& key) { return table_[key]; }
-
-  // Removes `key`; returns whether it was there.
-  bool erase(const K& key) { return table_.erase(key) != 0; }
   // Removes the element at `pos` and returns the iterator to the next one.
   iterator erase(iterator pos) {
     iterator next = pos;
@@ -115,24 +82,12 @@ class HashMap2018 {
     table_.erase(pos);  // open addressing: the others stay where they are
     return next;
   }
-  iterator erase(const_iterator pos) {
-    iterator next = table_.find(pos->first);
-    return erase(next);
-  }
-  void clear() { table_.clear(); }
+  iterator erase(const_iterator pos) { return erase(table_.find(pos->first)); }
   void reserve(std::size_t n) { table_.reserve(n); }
-
-  iterator begin() { return table_.begin(); }
-  iterator end() { return table_.end(); }
-  const_iterator begin() const { return table_.begin(); }
-  const_iterator end() const { return table_.end(); }
 
   friend bool operator==(const HashMap2018& a, const HashMap2018& b) {
     return a.table_ == b.table_;
   }
-
- private:
-  Table table_;
 };
 
 template <typename K>

@@ -3,21 +3,15 @@
 // (include it through RoutingLib/FecBasicTypes.h, never on its own).
 #pragma once
 
+#include <bit>
+
 namespace Memtab::Fib {
 
 // Jenkins one-at-a-time hash (seed 0) over the value's 8 bytes in
 // little-endian order.
 inline Cog::HashValue FecId::hash() const {
-  Cog::HashValue h = 0;
-  for (unsigned i = 0; i < 8; ++i) {
-    h += static_cast<std::uint8_t>(value_ >> (8 * i));
-    h += h << 10;
-    h ^= h >> 6;
-  }
-  h += h << 3;
-  h ^= h >> 11;
-  h += h << 15;
-  return h;
+  static_assert(std::endian::native == std::endian::little);
+  return Cog::oneAtATimeHash(&value_, sizeof value_);
 }
 
 inline AdjType FecId::adjType() const {
