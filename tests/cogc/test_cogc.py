@@ -181,6 +181,102 @@ class Compiler(unittest.TestCase):
             "Bad.cog:4: error: a shared-memory table holds value types, not U8",
         ])
 
+    def header(self, path, text):
+        full = os.path.join(self.dir.name, "platform", path)
+        os.makedirs(os.path.dirname(full), exist_ok=True)
+        with open(full, "w") as f:
+            f.write(text)
+
+    def test_extern_enum_as_attribute_key_and_element(self):
+        self.header("Net/Mode.h", "namespace Net { enum class Mode : unsigned { a, b }; }\n")
+        m = self.model("""\
+            extern enum Net::Mode header "Net/Mode.h";
+            namespace A {
+              value V { mode: Net::Mode; modes: set<Net::Mode>; }
+              entity E(mode: Net::Mode) { byMode: ordered<Net::Mode, V>; m: map<u32, Net::Mode>; }
+            }
+            """)
+        self.assertIn("  extern enum Net::Mode header Net/Mode.h\n", m)
+        self.assertIn("    2 attr mode: Net::Mode\n    3 collection modes: set<Net::Mode>\n", m)
+        self.assertIn("    258 param mode: Net::Mode\n"
+                      "    259 collection byMode: ordered<Net::Mode, A::V>\n"
+                      "    260 collection m: map<U32, Net::Mode>\n", m)
+
+    def test_extern_diagnostics(self):
+        self.header("Net/Mode.h", "namespace Net { enum class Mode : unsigned { a, b }; }\n")
+        self.header("Net/Other.h", "namespace Net { class Other {}; }\n")
+        errs = self.errors("""\
+            namespace A { value Early { m: Net::Mode; } }
+            extern enum Net::Mode header "Net/Mode.h";
+            extern enum Net::Missing header "Net/Missing.h";
+            extern enum Net::Other header "Net/Other.h";
+            extern value Net::Gone header "Net/Gone.h";
+            extern struct Net::S header "Net/S.h";
+            namespace A {
+              const c: Net::Mode = a;
+              enum Mode { x }
+              value V {
+                m: Net::Mode = a;
+                n: Net::Mode in [0, 1];
+                const k: Net::Mode = b;
+              }
+              entity T(name: Name) { t: memtab<Net::Mode>; }
+            }
+            """)
+        self.assertEqual(errs, [
+            "Bad.cog:1: error: Net::Mode is used before its extern declaration at Bad.cog:2",
+            "Bad.cog:3: error: header Net/Missing.h of extern enum Net::Missing is not found "
+            "under platform/ or src-includes/",
+            "Bad.cog:4: error: header Net/Other.h declares no enumeration Other",
+            "Bad.cog:5: error: header Net/Gone.h of extern value Net::Gone is not found under "
+            "platform/ or src-includes/",
+            "Bad.cog:6: error: expected 'value' or 'enum' after extern, found 'struct'",
+            "Bad.cog:8: error: constant c: the enumerators of extern enum Net::Mode are not "
+            "known here",
+            "Bad.cog:11: error: attribute m of extern enum Net::Mode takes the enumeration's "
+            "default value; its enumerators are not known here",
+            "Bad.cog:12: error: bounds apply to numbers, not to Net::Mode",
+            "Bad.cog:13: error: constant k: the enumerators of extern enum Net::Mode are not "
+            "known here",
+            "Bad.cog:15: error: a shared-memory table holds value types, not Net::Mode",
+        ])
+
+    def test_constants_of_value_types(self):
+        m = self.model("""\
+            namespace A {
+              value K { prefix: u32; const metric: Metric = 0; const top: Metric = 0xFF; }
+              value Metric { value: u32; }
+              entity E(name: Name) { const none: Metric = 7; }
+            }
+            """)
+        self.assertIn("    3 const metric: A::Metric = 0\n    4 const top: A::Metric = 0xFF\n", m)
+        self.assertIn("    258 const none: A::Metric = 7\n", m)
+        errs = self.errors("""\
+            namespace A {
+              value Pair { a: u8; b: u8; }
+              value Small { v: u8; }
+              value Ranged { v: u8 in [1, 9]; }
+              value Text { s: String; }
+              value Self { v: u8; const me: Self = 1; }
+              value K {
+                const p: Pair = 1;
+                const s: Small = 256;
+                const r: Ranged = 1;
+                const t: Text = "x";
+              }
+            }
+            """)
+        self.assertEqual(errs, [
+            "Bad.cog:6: error: constant me cannot be of its own type Self",
+            "Bad.cog:8: error: constant p: value type A::Pair is not made from one literal "
+            "(it needs a single unbounded number or bool attribute)",
+            "Bad.cog:9: error: 256 does not fit in u8 (constant s)",
+            "Bad.cog:10: error: constant r: value type A::Ranged is not made from one literal "
+            "(it needs a single unbounded number or bool attribute)",
+            "Bad.cog:11: error: constant t: value type A::Text is not made from one literal "
+            "(it needs a single unbounded number or bool attribute)",
+        ])
+
     def test_missing_import(self):
         errs = self.errors("import Nowhere;\nnamespace A { value V { x: u8; } }\n")
         self.assertEqual(errs, ["Bad.cog:1: error: cannot find schema unit Nowhere "

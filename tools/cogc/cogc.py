@@ -32,8 +32,10 @@ def main(argv=None):
     args = ap.parse_args(argv)
 
     diags = Diagnostics()
-    model = Model(diags, args.include)
     root = args.root or os.getcwd()
+    # the include roots of the build: external types' headers are found there
+    header_roots = [os.path.join(root, "platform"), os.path.join(root, "src-includes")]
+    model = Model(diags, args.include, header_roots)
     display = os.path.relpath(os.path.abspath(args.schema), root)
     unit = model.load(args.schema, display)
     if unit is not None:

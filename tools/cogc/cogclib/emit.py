@@ -6,7 +6,7 @@ import os
 
 import jinja2
 
-from .model import Builtin, Enum, Extern, NamespaceConstant, Record
+from .model import Builtin, Enum, Extern, ExternEnum, NamespaceConstant, Record
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TEMPLATES = os.path.join(HERE, "templates")
@@ -23,7 +23,8 @@ def cpp(t):
 
 def arg(t):
     """C++ parameter type: small things by value, the rest by const ref."""
-    if isinstance(t, (Builtin, Enum)) and t.full_name not in ("Cog::String", "Cog::Name"):
+    if isinstance(t, (Builtin, Enum, ExternEnum)) and \
+            t.full_name not in ("Cog::String", "Cog::Name"):
         return t.cpp
     return "const %s&" % cpp(t)
 
@@ -208,7 +209,9 @@ class Emitter:
             groups=groups,
             records=records,
             enums=u.enums,
-            externs=u.externs,
+            # external value types get their type record here; an external
+            # enumeration's header defines and registers its own
+            externs=[e for e in u.externs if e.kind == "extern"],
             section_types=[t for t in u.enums + records],
         )
 

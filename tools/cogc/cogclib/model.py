@@ -13,6 +13,7 @@ Indexes:
 """
 
 import os
+import re
 
 from . import syntax as S
 from .diag import Position
@@ -62,7 +63,11 @@ class Type:
 
     def is_valueish(self):
         """Storable by value: builtin, enumeration, value type, external."""
-        return self.kind in ("builtin", "enum", "value", "extern")
+        return self.kind in ("builtin", "enum", "value", "extern", "extern_enum")
+
+    def is_enumish(self):
+        """An enumeration, declared here or outside (extern enum)."""
+        return self.kind in ("enum", "extern_enum")
 
     def is_entityish(self):
         return self.kind in ("entity", "holder", "reactor")
@@ -84,7 +89,10 @@ class Builtin(Type):
 
 
 class Extern(Type):
+    """An external value type: a hand-written class with the value-type
+    frame, whose type record the generated header defines."""
     kind = "extern"
+    keyword = "value"
 
     def __init__(self, decl, unit):
         self.decl = decl
@@ -94,6 +102,17 @@ class Extern(Type):
         self.unit = unit
         self.name = decl.name.split("::")[-1]
         self.pos = decl.pos
+
+
+class ExternEnum(Extern):
+    """An external enumeration: a C++ enum whose header gives it the
+    framework's enumeration frame (cogEnumType(E), EnumTraits) and registers
+    its Cog::EnumType. Generated code treats it as an enumeration (passed by
+    value, 32-bit in attribute logs, hashed and ordered by value); its
+    enumerators are the header's, unknown here, so it has no defaults or
+    constants of its own."""
+    kind = "extern_enum"
+    keyword = "enum"
 
 
 class Enumerator:
@@ -183,6 +202,7 @@ class Record(Type):
         self.impl = decl.impl  # (hand-written derived class, its header) or None
         self.name_member = None  # the `name: Name` parameter: the framework entity's name
         self.params = []  # the other constructor parameters (resolved before any member)
+        self.resolved = False
 
     def all_members(self):
         chain = []
@@ -200,6 +220,26 @@ class Record(Type):
 
     def stored(self):
         return [m for m in self.members if m.is_stored()]
+
+    def is_literal(self):
+        """A value type whose field constructor can be constexpr (so that
+        class constants of the type can be spelled): every attribute a
+        number, bool, enumeration or such a value type, none bounded."""
+        if self.kind != "value":
+            return False
+        for m in self.stored():
+            if m.kind != "attr" or m.bounds is not None:
+                return False
+            t = m.type
+            if isinstance(t, Builtin):
+                if t.family == "string":
+                    return False
+            elif isinstance(t, Record):
+                if not t.is_literal():
+                    return False
+            elif not t.is_enumish():
+                return False
+        return True
 
     def has_collection(self):
         return any(m.kind == "collection" for m in self.all_members())
@@ -262,9 +302,11 @@ class Unit:
 
 
 class Model:
-    def __init__(self, diags, search_path):
+    def __init__(self, diags, search_path, header_roots=()):
         self.diags = diags
         self.search_path = search_path
+        # where the headers of external types are looked for (include roots)
+        self.header_roots = list(header_roots)
         self.units = {}  # name -> Unit
         self.symbols = {}  # full name -> Type or NamespaceConstant
         self.builtins = {n: Builtin(n) for n in BUILTINS}
@@ -306,7 +348,8 @@ class Model:
         syn = unit.syntax
         unit.decls_in_order = []
         for e in syn.externs:
-            t = Extern(e, unit)
+            t = (ExternEnum if e.kind == "enum" else Extern)(e, unit)
+            self.check_extern_header(t)
             if self.add_symbol(e.name, t, e.pos):
                 unit.externs.append(t)
         for d in syn.decls:
@@ -325,6 +368,27 @@ class Model:
                 if self.add_symbol(d.namespace + "::" + d.name, c, d.pos):
                     unit.constants.append(c)
                     unit.decls_in_order.append(c)
+
+    def check_extern_header(self, t):
+        if not self.header_roots:
+            return
+        pos = t.decl.header_pos or t.pos
+        for root in self.header_roots:
+            path = os.path.join(root, t.header)
+            if os.path.isfile(path):
+                break
+        else:
+            self.diags.error(pos, "header %s of extern %s %s is not found under %s"
+                             % (t.header, t.keyword, t.full_name,
+                                " or ".join(os.path.basename(r.rstrip("/")) + "/"
+                                            for r in self.header_roots)))
+            return
+        if isinstance(t, ExternEnum):
+            with open(path, encoding="utf-8", errors="replace") as f:
+                text = f.read()
+            if not re.search(r"\benum\s+(?:class\s+|struct\s+)?%s\b" % re.escape(t.name), text):
+                self.diags.error(pos, "header %s declares no enumeration %s"
+                                 % (t.header, t.name))
 
     def add_symbol(self, name, obj, pos):
         old = self.symbols.get(name)
@@ -372,6 +436,11 @@ class Model:
             return None
         if isinstance(t, NamespaceConstant):
             self.diags.error(ref.pos, "%s is a constant, not a type" % ref.name)
+            return None
+        if isinstance(t, Extern) and t.pos.file == ref.pos.file and \
+                ref.pos.line < t.pos.line:
+            self.diags.error(ref.pos, "%s is used before its extern declaration at %s"
+                             % (t.full_name, t.pos))
             return None
         return t
 
@@ -455,6 +524,10 @@ class Model:
         t = self.resolve_type(c.decl.type, c.namespace)
         if t is None:
             return
+        if isinstance(t, ExternEnum):
+            self.diags.error(c.pos, "constant %s: the enumerators of extern enum %s are not "
+                                    "known here" % (c.name, t.full_name))
+            return
         if not (isinstance(t, Builtin) or isinstance(t, Enum)):
             self.diags.error(c.pos, "a namespace constant has a builtin or enumeration type")
             return
@@ -503,6 +576,9 @@ class Model:
         return t if isinstance(t, Record) else None
 
     def resolve_record(self, r):
+        if r.resolved:
+            return
+        r.resolved = True
         level = 0
         t = r.base
         while t is not None:
@@ -549,9 +625,15 @@ class Model:
                 m = Member("const", syn.name, syn.pos)
                 m.type = self.resolve_type(syn.type, r.namespace)
                 if m.type is not None:
-                    if not isinstance(m.type, (Builtin, Enum)):
-                        self.diags.error(syn.pos, "constant %s must be of a builtin or "
-                                                  "enumeration type" % syn.name)
+                    if isinstance(m.type, Record) and m.type.kind == "value":
+                        m.default = self.value_constant(r, syn, m.type)
+                    elif isinstance(m.type, ExternEnum):
+                        self.diags.error(syn.pos, "constant %s: the enumerators of extern enum "
+                                                  "%s are not known here"
+                                         % (syn.name, m.type.full_name))
+                    elif not isinstance(m.type, (Builtin, Enum)):
+                        self.diags.error(syn.pos, "constant %s must be of a builtin, "
+                                                  "enumeration or value type" % syn.name)
                     else:
                         m.default = self.value_of(syn.value, m.type, r.namespace, r,
                                                   "constant " + syn.name)
@@ -631,7 +713,7 @@ class Model:
                 self.diags.error(syn.type.pos, "a shared-memory table belongs to an entity, not to "
                                  "value type %s" % r.name)
             if not (isinstance(m.type, Record) and m.type.kind == "value") and \
-                    not isinstance(m.type, Extern):
+                    m.type.kind != "extern":
                 self.diags.error(syn.type.pos, "a shared-memory table holds value types, not %s"
                                  % m.type.full_name)
             if syn.default is not None or syn.bounds is not None or syn.flags:
@@ -803,9 +885,35 @@ class Model:
                 return Value(cpp_int(v, t), text, v)
             self.diags.error(expr.pos, "expected an integer for %s, found %s" % (what, text))
             return None
+        if isinstance(t, ExternEnum):
+            self.diags.error(expr.pos, "%s of extern enum %s takes the enumeration's default "
+                             "value; its enumerators are not known here" % (what, t.full_name))
+            return None
         self.diags.error(expr.pos, "%s of type %s takes its type's default value; it has no "
                          "default of its own" % (what, t.full_name))
         return None
+
+    def value_constant(self, r, syn, t):
+        """A class constant of value type t, written as the literal of t's one
+        attribute: `const metric: RouteMetric = 0;`. t must be a literal
+        type (constexpr-constructible) with a single unbounded attribute of a
+        builtin type, declared before the constant's type."""
+        if t is r:
+            self.diags.error(syn.pos, "constant %s cannot be of its own type %s"
+                             % (syn.name, r.name))
+            return None
+        self.resolve_record(t)  # it may come later in the schema or in another unit
+        attrs = t.stored()
+        if len(attrs) != 1 or attrs[0].kind != "attr" or not isinstance(attrs[0].type, Builtin) \
+                or attrs[0].type.family == "string" or attrs[0].bounds is not None:
+            self.diags.error(syn.pos, "constant %s: value type %s is not made from one literal "
+                                      "(it needs a single unbounded number or bool attribute)"
+                             % (syn.name, t.full_name))
+            return None
+        v = self.value_of(syn.value, attrs[0].type, r.namespace, r, "constant " + syn.name)
+        if v is None:
+            return None
+        return Value("%s(%s)" % (t.cpp, v.cpp), v.text, v.python)
 
     def resolve_func(self, r, syn):
         if syn.params is None:
@@ -888,7 +996,7 @@ class Model:
         for imp in unit.imports:
             out.append("  import %s" % imp.name)
         for e in unit.externs:
-            out.append("  extern %s header %s" % (e.full_name, e.header))
+            out.append("  extern %s %s header %s" % (e.keyword, e.full_name, e.header))
         for d in unit.decls_in_order:
             if isinstance(d, NamespaceConstant):
                 out.append("  const %s::%s: %s = %s" % (d.namespace, d.name,

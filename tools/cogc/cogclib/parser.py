@@ -113,14 +113,17 @@ class Parser:
             (self.file.end_includes if at_end else self.file.includes).append(self.take().text)
             self.expect(";")
         elif self.accept("extern"):
-            self.expect("value", "(only external value types are supported)")
+            if self.at("value") or self.at("enum"):
+                kind = self.take().text
+            else:
+                self.fail("expected 'value' or 'enum' after extern, found %s" % self.describe())
             name, pos = self.qname("an external type name")
             self.expect("header")
             if self.tok.kind != "string":
                 self.fail("expected the external type's header in quotes")
-            header = self.take().text
+            header_tok = self.take()
             self.expect(";")
-            self.file.externs.append(S.ExternDecl(name, header, pos))
+            self.file.externs.append(S.ExternDecl(name, header_tok.text, pos, kind, header_tok.pos))
         elif self.accept("namespace"):
             ns, _ = self.qname("a namespace name")
             self.expect("{")

@@ -143,6 +143,8 @@ class ExternDecl:
     name: str  # fully qualified
     header: str
     pos: Position
+    kind: str = "value"  # 'value' or 'enum'
+    header_pos: Optional[Position] = None
 
 
 @dataclass
