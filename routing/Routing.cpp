@@ -24,7 +24,7 @@ Cog::HashValue Via::hash() const {
 
 Velnet::IpGenPrefix Route::prefix() const { return key_.prefix(); }
 
-RouteMetric Route::metric() const { return RouteMetric(RouteKey::metric); }
+RouteMetric Route::metric() const { return RouteKey::metric; }
 
 RoutePreference Route::preference() const { return key_.preference(); }
 

@@ -64,7 +64,17 @@ TEST(RouteKey, PrettyAndPrintedForms) {
   std::vector<std::uint8_t> bytes = logBytes(k);
   ASSERT_EQ(bytes.size(), logBytes(k.prefix()).size() + 1);
   EXPECT_EQ(bytes.back(), 20);
-  EXPECT_EQ(RouteKey::metric, 0u);
+  // metric is a class constant of type RouteMetric: reflected with that
+  // type, after the stored attributes, and not on the log.
+  EXPECT_EQ(RouteKey::metric, RouteMetric(0));
+  const Cog::MemberInfo* metric = RouteKey::cogType()->member("metric");
+  ASSERT_NE(metric, nullptr);
+  EXPECT_EQ(metric->kind, Cog::MemberKind::constant);
+  EXPECT_EQ(metric->index, 4u);
+  EXPECT_EQ(metric->memberType(), RouteMetric::cogType());
+  Cog::Ptr<Cog::GenericIf> reflected = Cog::genericIfOf(k)->attribute("metric");
+  ASSERT_NE(reflected->as<RouteMetric>(), nullptr);
+  EXPECT_EQ(*reflected->as<RouteMetric>(), RouteMetric(0));
 }
 
 TEST(Via, HashCoversHopAndInterfaceOnly) {
