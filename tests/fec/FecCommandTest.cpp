@@ -1,29 +1,17 @@
 // `routinglib fec` run as a process: FEC ids decoded in both number forms,
 // interface names folded back, and refusals (one line, exit status 2).
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "support/ToolRun.h"
+
 namespace {
 
-struct ToolRun {
-  int status;
-  std::string output;  // stdout and stderr together
-};
+using testsupport::ToolRun;
 
 ToolRun fec(const std::string& args) {
-  const std::string command = std::string("'") + ROUTINGLIB_TOOL + "' fec " + args + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, "popen failed"};
-  std::string output;
-  char buf[4096];
-  std::size_t got;
-  while ((got = std::fread(buf, 1, sizeof buf, pipe)) > 0) output.append(buf, got);
-  const int wait = pclose(pipe);
-  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, output};
+  return testsupport::runRoutinglib("fec " + args);
 }
 
 const char* const kNexthopGroup5 =

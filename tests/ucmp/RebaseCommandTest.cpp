@@ -1,30 +1,18 @@
 // `routinglib rebase` run as a process: its output lines, its JSON, and its
 // refusals (one line on stderr, exit status 2, the library never reached).
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/ToolRun.h"
+
 namespace {
 
-struct ToolRun {
-  int status;
-  std::string output;  // stdout and stderr together
-};
+using testsupport::ToolRun;
 
 ToolRun routinglib(const std::string& args) {
-  const std::string command = std::string("'") + ROUTINGLIB_TOOL + "' rebase " + args + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, "popen failed"};
-  std::string output;
-  char buf[4096];
-  size_t got;
-  while ((got = std::fread(buf, 1, sizeof buf, pipe)) > 0) output.append(buf, got);
-  const int wait = pclose(pipe);
-  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, output};
+  return testsupport::runRoutinglib("rebase " + args);
 }
 
 TEST(RebaseCommand, PrintsStatusAndWeights) {

@@ -1,0 +1,31 @@
+// Runs the `routinglib` tool as a process (the test target defines
+// ROUTINGLIB_TOOL as its path) and collects its exit status and output, so
+// that tests see exactly what a person at a shell sees.
+#pragma once
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+
+namespace testsupport {
+
+struct ToolRun {
+  int status;          // the exit status, or -1 when the tool did not exit
+  std::string output;  // stdout and stderr together
+};
+
+// `args` go through the shell: quote them as a shell needs.
+inline ToolRun runRoutinglib(const std::string& args) {
+  const std::string command = std::string("'") + ROUTINGLIB_TOOL + "' " + args + " 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return {-1, "popen failed"};
+  std::string output;
+  char buf[4096];
+  std::size_t got;
+  while ((got = std::fread(buf, 1, sizeof buf, pipe)) > 0) output.append(buf, got);
+  const int wait = pclose(pipe);
+  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, output};
+}
+
+}  // namespace testsupport
