@@ -193,7 +193,7 @@ bool View::unlinked() const {
   return fstat(fd_, &st) == 0 && st.st_nlink == 0;
 }
 
-bool View::backOff(unsigned attempt, bool* ignoreOdd) {
+bool View::backOff(unsigned attempt, bool* acceptOdd) {
   ++retries_;
   if (attempt < 4) {
     cpuRelax();
@@ -203,7 +203,7 @@ bool View::backOff(unsigned attempt, bool* ignoreOdd) {
   // A block or record left odd by a writer that died stays odd until the
   // next writer repairs the table; what it holds is still a consistent
   // state, so read it as it is.
-  if (attempt == kLivenessAttempt && !writerAlive()) *ignoreOdd = true;
+  if (attempt == kLivenessAttempt && !writerAlive()) *acceptOdd = true;
   return attempt + 1 < kMaxReadAttempts;
 }
 
@@ -215,10 +215,13 @@ std::vector<std::uint8_t>& View::groupImage(std::size_t i) {
 View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* groupHash,
                            std::string* why) {
   refresh();
-  bool ignoreOdd = false;
+  bool deadWriter = false;
   for (unsigned attempt = 0;; ++attempt) {
-    const bool trust = ignoreOdd || attempt >= kMaxReadAttempts;
+    // As in find(): odd words are taken as they are once the writer is dead
+    // or stuck, and the pass still counts only if nothing moved under it.
+    const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
     group_.clear();
+    trustedWords_.clear();
     std::uint64_t iw = header()->index.load(std::memory_order_acquire);
     IndexWord ix = IndexWord::decode(iw);
     if (!validIndex(ix)) {
@@ -229,7 +232,8 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
       }
     }
     const std::uint32_t total = ix.totalBuckets();
-    std::uint32_t pos = started ? homeOf(after, ix.homeBuckets()) : 0;
+    const std::uint32_t first = started ? homeOf(after, ix.homeBuckets()) : 0;
+    std::uint32_t pos = first;
     // Entries skipped or collected lie within a displacement of each other,
     // so a sane array never needs more than this many blocks remembered.
     constexpr unsigned kMaxBlocks = 2 * (kMaxDisplacement / kBucketsPerBlock) + 8;
@@ -238,31 +242,40 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
     unsigned nb = 0;
     bool retry = false, found = false;
     std::uint32_t groupH = 0, seen = 0;
+    // The sequence word of the block being scanned, read before any of its
+    // buckets: a move completed between reading a bucket and reading the
+    // sequence word would otherwise go unnoticed.
+    std::uint32_t seqBlock = total;
+    std::uint64_t seq = 0;
     for (; pos < total; ++pos) {
+      const std::uint32_t blk = pos / kBucketsPerBlock;
+      if (blk != seqBlock) {
+        seqBlock = blk;
+        seq = word(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
+      }
       std::uint64_t at = ix.offset + bucketOffset(pos);
       std::uint64_t w = word(base_, at).load(std::memory_order_acquire);
+      if (acceptOdd) trustedWords_.push_back(w);
       if (w == 0) {
         if (found) break;
         continue;
       }
       std::uint32_t h = bucketHash(w);
       if (++seen > 2 * (kMaxDisplacement + 1)) {
-        if (!trust && replaced(iw)) {
+        if (replaced(iw)) {
           retry = true;
           break;
         }
         *why = "run of buckets near " + std::to_string(pos) + " is longer than any table makes";
         return Step::corrupt;
       }
-      std::uint32_t blk = pos / kBucketsPerBlock;
       if (nb == 0 || blocks[nb - 1] != blk) {
-        std::uint64_t s = word(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
-        if ((s & 1) != 0 && !trust) {
+        if ((seq & 1) != 0 && !acceptOdd) {
           retry = true;
           break;
         }
         if (nb == kMaxBlocks) {
-          if (!trust && replaced(iw)) {
+          if (replaced(iw)) {
             retry = true;
             break;
           }
@@ -270,7 +283,7 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
           return Step::corrupt;
         }
         blocks[nb] = blk;
-        seqs[nb] = s;
+        seqs[nb] = seq;
         ++nb;
       }
       if (!found) {
@@ -288,13 +301,13 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
       std::size_t k = group_.size();
       if (groupScratch_.size() <= k) groupScratch_.resize(k + 1);
       std::uint32_t len = 0;
-      Copy c = copyRecord(at, w, groupScratch_[k], &len, trust);
+      Copy c = copyRecord(at, w, groupScratch_[k], &len, acceptOdd);
       if (c == Copy::unstable) {
         retry = true;
         break;
       }
       if (c == Copy::bad) {
-        if (!trust && replaced(iw)) {
+        if (replaced(iw)) {
           retry = true;
           break;
         }
@@ -303,20 +316,16 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
       }
       group_.push_back({off, len});
     }
-    if (!retry && !trust) {
-      std::atomic_thread_fence(std::memory_order_acquire);
-      for (unsigned i = 0; i < nb && !retry; ++i) {
-        retry = word(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) !=
-                seqs[i];
-      }
-      retry = retry || header()->index.load(std::memory_order_relaxed) != iw;
+    if (!retry) {
+      retry = !unchanged(iw, blocks, seqs, nb, first, acceptOdd ? trustedWords_.data() : nullptr,
+                         trustedWords_.size());
     }
     if (!retry) {
       if (!found) return Step::end;
       *groupHash = groupH;
       return Step::group;
     }
-    backOff(attempt, &ignoreOdd);
+    backOff(attempt, &deadWriter);
     refresh();
   }
 }

@@ -62,7 +62,9 @@ class Codec {
 using CorruptionReport = std::function<void(const std::string&)>;
 
 // How often a reader reads again when the writer moved things under it
-// before it takes what it sees as it is.
+// before it accepts blocks and records that stay odd (a writer stopped or
+// dead in the middle of a change). Such a read still counts only when
+// nothing it looked at changed while it read.
 inline constexpr unsigned kMaxReadAttempts = 256;
 
 class View {
@@ -136,11 +138,21 @@ class View {
   bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
 
   enum class Copy { ok, unstable, bad };
+  // With `acceptOdd` a record whose version is odd is taken as it is, as
+  // long as it and the bucket pointing at it stay put while it is copied.
   Copy copyRecord(std::uint64_t bucketAt, std::uint64_t word, std::vector<std::uint8_t>& into,
-                  std::uint32_t* length, bool trustOdd);
-  bool backOff(unsigned attempt, bool* ignoreOdd);
+                  std::uint32_t* length, bool acceptOdd);
+  bool backOff(unsigned attempt, bool* acceptOdd);
   // The writer has published another bucket array since `indexWord`.
   bool replaced(std::uint64_t indexWord) const;
+  // Whether a pass over bucket array `iw` read a state that existed at one
+  // moment: the index, the sequence words of the blocks it used and, when
+  // `words` is given, the `n` bucket words from position `from` are as it
+  // read them. A block whose sequence word stayed odd may have had buckets
+  // stored under the reader meanwhile (the writer stores several buckets
+  // under one odd value), hence the bucket words.
+  bool unchanged(std::uint64_t iw, const std::uint32_t* blocks, const std::uint64_t* seqs,
+                 unsigned nb, std::uint32_t from, const std::uint64_t* words, std::size_t n) const;
 
   int fd_ = -1;
   ino_t inode_ = 0;
@@ -152,6 +164,7 @@ class View {
   std::vector<std::uint8_t> scratch_;
   std::vector<Image> group_;
   std::vector<std::vector<std::uint8_t>> groupScratch_;
+  std::vector<std::uint64_t> trustedWords_;  // bucket words of a pass that accepts odd ones
   std::uint64_t retries_ = 0;
 };
 
@@ -235,7 +248,7 @@ inline std::atomic<std::uint64_t>& wordAt(std::uint8_t* base, std::uint64_t offs
 }
 
 inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std::vector<std::uint8_t>& into,
-                            std::uint32_t* length, bool trustOdd) {
+                            std::uint32_t* length, bool acceptOdd) {
   std::uint64_t off = bucketRecord(w);
   auto stillThere = [&] { return wordAt(base_, bucketAt).load(std::memory_order_acquire) == w; };
   if (off < heapStart_ || off > mapped_ - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
@@ -244,14 +257,14 @@ inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std:
   if (off + 2 * kBlockBytes <= mapped_) __builtin_prefetch(base_ + off + kBlockBytes);
   auto& rw = wordAt(base_, off);
   std::uint64_t w0 = rw.load(std::memory_order_acquire);
-  if ((recordVersion(w0) & 1) != 0 && !trustOdd) return Copy::unstable;
+  if ((recordVersion(w0) & 1) != 0 && !acceptOdd) return Copy::unstable;
   std::uint32_t len = recordLength(w0);
   if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
   into.resize(len);
   std::memcpy(into.data(), base_ + off + kRecordHeader, len);
   std::atomic_thread_fence(std::memory_order_acquire);
-  if (rw.load(std::memory_order_relaxed) != w0 && !trustOdd) return Copy::unstable;
-  if (!stillThere() && !trustOdd) return Copy::unstable;
+  if (rw.load(std::memory_order_relaxed) != w0) return Copy::unstable;
+  if (!stillThere()) return Copy::unstable;
   *length = len;
   return Copy::ok;
 }
@@ -261,14 +274,35 @@ inline bool View::replaced(std::uint64_t indexWord) const {
   return header()->index.load(std::memory_order_relaxed) != indexWord;
 }
 
+inline bool View::unchanged(std::uint64_t iw, const std::uint32_t* blocks, const std::uint64_t* seqs,
+                            unsigned nb, std::uint32_t from, const std::uint64_t* words,
+                            std::size_t n) const {
+  std::atomic_thread_fence(std::memory_order_acquire);
+  const IndexWord ix = IndexWord::decode(iw);
+  for (unsigned i = 0; i < nb; ++i) {
+    if (wordAt(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) != seqs[i]) {
+      return false;
+    }
+  }
+  for (std::size_t i = 0; words != nullptr && i < n; ++i) {
+    const auto pos = static_cast<std::uint32_t>(from + i);
+    if (wordAt(base_, ix.offset + bucketOffset(pos)).load(std::memory_order_relaxed) != words[i]) {
+      return false;
+    }
+  }
+  return header()->index.load(std::memory_order_relaxed) == iw;
+}
+
 template <class Match>
 View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
   refresh();
-  bool ignoreOdd = false;
+  bool deadWriter = false;
   for (unsigned attempt = 0;; ++attempt) {
-    // After the last attempt, read what is there as it is: better an answer
-    // from a writer stuck mid-move than no answer.
-    const bool trust = ignoreOdd || attempt >= kMaxReadAttempts;
+    // Once the writer is known dead, or has kept a block odd for long, an
+    // odd block or record no longer means "read again": better an answer
+    // from a writer stuck mid-move than none. The answer is checked all the
+    // same, for a writer that was only slow, or a new one, may go on.
+    const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
     std::uint64_t iw = header()->index.load(std::memory_order_acquire);
     IndexWord ix = IndexWord::decode(iw);
     if (!validIndex(ix)) {
@@ -283,13 +317,15 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
     constexpr unsigned kMaxBlocks = kMaxDisplacement / kBucketsPerBlock + 3;
     std::uint32_t blocks[kMaxBlocks];
     std::uint64_t seqs[kMaxBlocks];
+    std::uint64_t words[kMaxDisplacement + 1];
     unsigned nb = 0;
+    std::size_t nw = 0;
     bool retry = false;
     for (std::uint32_t pos = home; pos < limit; ++pos) {
       std::uint32_t blk = pos / kBucketsPerBlock;
       if (nb == 0 || blocks[nb - 1] != blk) {
         std::uint64_t s = wordAt(base_, ix.offset + blockOffset(blk)).load(std::memory_order_acquire);
-        if ((s & 1) != 0 && !trust) {
+        if ((s & 1) != 0 && !acceptOdd) {
           retry = true;
           break;
         }
@@ -299,18 +335,19 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
       }
       std::uint64_t at = ix.offset + bucketOffset(pos);
       std::uint64_t w = wordAt(base_, at).load(std::memory_order_acquire);
+      if (acceptOdd) words[nw++] = w;
       if (w == 0) break;
       std::uint32_t h = bucketHash(w);
       if (h < hash) continue;
       if (h > hash) break;
       std::uint32_t len = 0;
-      Copy c = copyRecord(at, w, scratch_, &len, trust);
+      Copy c = copyRecord(at, w, scratch_, &len, acceptOdd);
       if (c == Copy::unstable) {
         retry = true;
         break;
       }
       if (c == Copy::bad) {
-        if (!trust && replaced(iw)) {
+        if (replaced(iw)) {
           retry = true;
           break;
         }
@@ -318,9 +355,10 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
         return Found::corrupt;
       }
       Verdict v = match(scratch_, len, why);
-      if (v != Verdict::noMatch && !trust && replaced(iw)) {
-        // Read through a bucket array the writer has replaced (and perhaps
-        // reused): neither answer counts.
+      // The record was in place while it was copied; that counts unless it
+      // was read through an array the writer has replaced (and perhaps
+      // reused).
+      if (v != Verdict::noMatch && replaced(iw)) {
         retry = true;
         break;
       }
@@ -330,16 +368,10 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
         return Found::corrupt;
       }
     }
-    if (!retry && !trust) {
-      std::atomic_thread_fence(std::memory_order_acquire);
-      for (unsigned i = 0; i < nb && !retry; ++i) {
-        retry = wordAt(base_, ix.offset + blockOffset(blocks[i])).load(std::memory_order_relaxed) !=
-                seqs[i];
-      }
-      retry = retry || header()->index.load(std::memory_order_relaxed) != iw;
+    if (!retry && unchanged(iw, blocks, seqs, nb, home, acceptOdd ? words : nullptr, nw)) {
+      return Found::no;
     }
-    if (!retry) return Found::no;
-    backOff(attempt, &ignoreOdd);
+    backOff(attempt, &deadWriter);
     refresh();
   }
 }
