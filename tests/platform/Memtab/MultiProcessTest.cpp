@@ -5,10 +5,12 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <random>
@@ -22,9 +24,15 @@ namespace {
 using namespace MemtabTest;
 using Clock = std::chrono::steady_clock;
 
+// How long to wait for something that must happen before a test calls it a
+// hang. Only a bound: nothing waits this long unless something is broken.
+constexpr auto kHang = std::chrono::seconds(60);
+
 pid_t spawn(const std::function<int()>& body) {
   pid_t pid = fork();
   if (pid == 0) {
+    // Never outlive the test, whatever it is waiting for.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     int status = 2;
     try {
       status = body();
@@ -45,14 +53,81 @@ int exitStatus(pid_t pid) {
   return WEXITSTATUS(status);
 }
 
+// What the exit status of a reader or writer child below means.
+std::string meaning(int status) {
+  switch (status) {
+    case 0: return "0: all well";
+    case 2: return "2: an exception (see its message above)";
+    case 10: return "10: the table never showed its stable keys";
+    case 11: return "11: a lookup missed a stable key";
+    case 12: return "12: a lookup returned another key's value";
+    case 13: return "13: a lookup returned a torn value";
+    case 14: return "14: iteration met a torn value";
+    case 15: return "15: iteration visited a key twice";
+    case 16: return "16: iteration missed a stable key";
+    case 17: return "17: the reader met corruption (message above)";
+    case 20: return "20: a stable key was missing or torn after re-attach";
+    case 21: return "21: re-attach reported corruption (message above)";
+    default:
+      if (status > 128) return std::to_string(status) + ": killed by signal " + std::to_string(status - 128);
+      return std::to_string(status);
+  }
+}
+
+// Ends child `pid` if it still runs and says how it ended.
+std::string ended(pid_t pid) {
+  kill(pid, SIGKILL);
+  return meaning(exitStatus(pid));
+}
+
+// Flags the test and its children share, to wait on events instead of
+// sleeping on hope.
+struct Events {
+  std::atomic<int> stableKeysIn{0};  // writers that have their stable keys in place
+  std::atomic<int> watching{0};      // readers that have seen the stable keys
+  std::atomic<bool> go{false};       // writers may start changing things
+  std::atomic<bool> stop{false};     // readers finish their round and end
+};
+
+struct SharedEvents {
+  Events* e;
+  SharedEvents() {
+    void* m = mmap(nullptr, sizeof(Events), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) throw std::bad_alloc();
+    e = new (m) Events();
+  }
+  ~SharedEvents() { munmap(e, sizeof(Events)); }
+  Events* operator->() const { return e; }
+};
+
+// Waits until `done()`; false, with the reason in `why`, when child `pid`
+// ended first (it is left to be reaped) or nothing happened for kHang.
+bool await(pid_t pid, const std::function<bool()>& done, std::string* why) {
+  const auto until = Clock::now() + kHang;
+  while (!done()) {
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        info.si_pid == pid) {
+      *why = "the child ended first";
+      return false;
+    }
+    if (Clock::now() > until) {
+      *why = "nothing happened for a minute";
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
 // Keys below kStable are inserted first and then only overwritten: a lookup
 // must always find them. Keys from kStable to kStable + kChurn come and go.
 constexpr std::uint64_t kStable = 3000;
 constexpr std::uint64_t kChurn = 3000;
 
-bool waitMounted(Memtab::Reader<Record>& r, Clock::duration limit) {
+bool waitMounted(Memtab::Reader<Record>& r) {
   struct Quiet : Memtab::Notifiee<Id> {} quiet;
-  auto until = Clock::now() + limit;
+  auto until = Clock::now() + kHang;
   while (Clock::now() < until) {
     pollfd p{r.fd(), POLLIN, 0};
     poll(&p, 1, 10);
@@ -62,36 +137,34 @@ bool waitMounted(Memtab::Reader<Record>& r, Clock::duration limit) {
   return false;
 }
 
-// What a reader checks, over and over, while the writer works.
-// Returns 0 or a distinct failure code.
-int checkReader(const std::string& name, Clock::duration runFor, std::uint64_t seed) {
+// What a reader checks, over and over, until told to stop (and at least
+// three times). Returns 0 or a failure code (see meaning()).
+int checkReader(const std::string& name, Events* events, std::uint64_t seed) {
   Memtab::Reader<Record> r(name);
   std::string corruption;
   r.corruptionHandlerIs([&](const std::string& m) { corruption = m; });
-  if (!waitMounted(r, std::chrono::seconds(10))) return 10;
+  if (!waitMounted(r)) return 10;
+  ++events->watching;
   std::mt19937_64 rng(seed);
-  auto until = Clock::now() + runFor;
-  std::uint64_t rounds = 0;
-  while (Clock::now() < until || rounds < 3) {
+  for (std::uint64_t rounds = 0; !events->stop || rounds < 3; ++rounds) {
     for (int i = 0; i < 2000; ++i) {
       std::uint64_t id = rng() % (kStable + kChurn);
       Record v = r.lookup(Id{id});
       if (v == Record()) {
-        if (id < kStable) return 11;  // a stable key went missing
+        if (id < kStable) return 11;
         continue;
       }
       if (v.id != id) return 12;
-      if (!v.intact()) return 13;  // torn
+      if (!v.intact()) return 13;
     }
     std::set<std::uint64_t> seen;
     for (const Record& v : r) {
       if (!v.intact()) return 14;
-      if (!seen.insert(v.id).second) return 15;  // visited twice
+      if (!seen.insert(v.id).second) return 15;
     }
     for (std::uint64_t id = 0; id < kStable; ++id) {
-      if (!seen.count(id)) return 16;  // iteration missed a stable key
+      if (!seen.count(id)) return 16;
     }
-    ++rounds;
   }
   if (!corruption.empty()) {
     std::fprintf(stderr, "reader: %s\n", corruption.c_str());
@@ -100,16 +173,19 @@ int checkReader(const std::string& name, Clock::duration runFor, std::uint64_t s
   return 0;
 }
 
-// Writes forever (until killed or `runFor` passes): overwrites stable keys,
-// inserts and deletes churn keys, and now and then rebuilds the bucket array.
-int hammer(const std::string& name, Clock::duration runFor, std::uint64_t seed, bool check) {
+// Overwrites stable keys, inserts and deletes churn keys, and now and then
+// rebuilds the bucket array, `ops` times (or until killed). A first writer
+// puts the stable keys in; a later one (`check`) re-attaches after a kill
+// and first checks that they are all there and whole. Reports the stable
+// keys in place, then waits for `go` when `waitForGo`.
+int hammer(const std::string& name, Events* events, std::uint64_t ops, std::uint64_t seed,
+           bool check, bool waitForGo) {
   Memtab::Options o;
   o.ringBytes = 1 << 16;
   std::string corruption;
   o.corruptionHandler = [&](const std::string& m) { corruption = m; };
   Memtab::Writer<Record> w(name, o);
   if (check) {
-    // Re-attached after a kill: every stable key is there, every value whole.
     for (std::uint64_t id = 0; id < kStable; ++id) {
       Record v = w.lookup(Id{id});
       if (v.id != id || !v.intact()) return 20;
@@ -121,9 +197,13 @@ int hammer(const std::string& name, Clock::duration runFor, std::uint64_t seed, 
   } else {
     for (std::uint64_t id = 0; id < kStable; ++id) w.insert(Record(id, 0));
   }
+  ++events->stableKeysIn;
+  while (waitForGo && !events->go) {
+    w.serviceReaders();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   std::mt19937_64 rng(seed);
-  auto until = Clock::now() + runFor;
-  for (std::uint64_t op = 0; Clock::now() < until; ++op) {
+  for (std::uint64_t op = 0; op < ops; ++op) {
     std::uint64_t r = rng();
     if (r % 3 == 0) {
       std::uint64_t id = rng() % kStable;
@@ -139,36 +219,66 @@ int hammer(const std::string& name, Clock::duration runFor, std::uint64_t seed, 
   return 0;
 }
 
+constexpr std::uint64_t kForever = ~std::uint64_t{0};
+
 TEST(MemtabProcesses, ReadersNeverSeeTornOrMissingValuesWhileTheWriterHammers) {
   TableName name("hammer");
-  const auto run = std::chrono::milliseconds(1500);
-  pid_t writer = spawn([&] { return hammer(name.value, run, 1, false); });
+  SharedEvents events;
+  pid_t writer = spawn([&] { return hammer(name.value, events.e, 500000 / kScale, 1, false, true); });
+  std::string why;
+  ASSERT_TRUE(await(writer, [&] { return events->stableKeysIn == 1; }, &why))
+      << why << "; writer exited " << ended(writer);
   std::vector<pid_t> readers;
   for (int i = 0; i < 3; ++i) {
-    readers.push_back(spawn([&, i] { return checkReader(name.value, run, 100 + i); }));
+    readers.push_back(spawn([&, i] { return checkReader(name.value, events.e, 100 + i); }));
   }
+  // The writer starts once every reader is watching.
+  for (pid_t r : readers) {
+    ASSERT_TRUE(await(r, [&] { return events->watching == 3; }, &why))
+        << why << "; a reader exited " << ended(r);
+  }
+  events->go = true;
   EXPECT_EQ(exitStatus(writer), 0);
-  for (pid_t r : readers) EXPECT_EQ(exitStatus(r), 0);
+  events->stop = true;
+  for (pid_t r : readers) {
+    const int status = exitStatus(r);
+    EXPECT_EQ(status, 0) << "reader exited " << meaning(status);
+  }
 }
 
 TEST(MemtabProcesses, AWriterKilledAtAnyMomentLeavesOldOrNewValuesAndARestartCarriesOn) {
   TableName name("kill");
+  SharedEvents events;
   // One reader watches across all the kills and restarts.
-  pid_t watcher = spawn([&] { return checkReader(name.value, std::chrono::milliseconds(1500), 7); });
+  pid_t watcher = spawn([&] { return checkReader(name.value, events.e, 7); });
   std::mt19937 rng(42);
-  for (int round = 0; round < 10; ++round) {
+  for (int round = 0; round < 12; ++round) {
     pid_t writer = spawn([&, round] {
-      return hammer(name.value, std::chrono::seconds(30), round, round > 0);
+      return hammer(name.value, events.e, kForever, round, round > 0, false);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(round == 0 ? 150 : 20 + rng() % 120));
+    std::string why;
+    if (round == 0) {
+      // The first writer is killed only once its stable keys are in and the
+      // watcher has seen them.
+      ASSERT_TRUE(await(writer, [&] { return events->stableKeysIn == 1; }, &why))
+          << why << "; first writer exited " << ended(writer);
+      ASSERT_TRUE(await(watcher, [&] { return events->watching == 1; }, &why))
+          << why << "; watcher exited " << ended(watcher);
+    }
+    // Later writers die anywhere: while re-attaching and repairing, while
+    // checking, or while changing things.
+    std::this_thread::sleep_for(std::chrono::microseconds(rng() % 60000));
     kill(writer, SIGKILL);
-    int status = exitStatus(writer);
-    ASSERT_EQ(status, 128 + SIGKILL) << "writer of round " << round << " failed early";
+    const int status = exitStatus(writer);
+    ASSERT_EQ(status, 128 + SIGKILL) << "writer of round " << round << " exited " << meaning(status);
   }
   // A last writer re-attaches and checks everything, then exits normally.
-  pid_t last = spawn([&] { return hammer(name.value, std::chrono::milliseconds(50), 99, true); });
-  EXPECT_EQ(exitStatus(last), 0);
-  EXPECT_EQ(exitStatus(watcher), 0);
+  pid_t last = spawn([&] { return hammer(name.value, events.e, 20000, 99, true, false); });
+  const int status = exitStatus(last);
+  EXPECT_EQ(status, 0) << "last writer exited " << meaning(status);
+  events->stop = true;
+  const int watched = exitStatus(watcher);
+  EXPECT_EQ(watched, 0) << "watcher exited " << meaning(watched);
 }
 
 int openDescriptors() {
@@ -198,20 +308,21 @@ TEST(MemtabProcesses, ReadersKilledCostTheWriterNothing) {
       return 0;
     }));
   }
-  auto until = Clock::now() + std::chrono::seconds(5);
+  auto until = Clock::now() + kHang;
   while (w.readers() < readers.size() && Clock::now() < until) {
     w.serviceReaders();
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  ASSERT_EQ(w.readers(), readers.size());
+  const std::size_t connected = w.readers();
   EXPECT_GT(openDescriptors(), baseline);
   for (pid_t r : readers) {
     kill(r, SIGKILL);
     exitStatus(r);
   }
+  ASSERT_EQ(connected, readers.size());
   // The writer goes on at full speed; the dead readers' links are dropped.
   for (std::uint64_t i = 0; i < 50000; ++i) w.insert(Record(i % kStable, i));
-  until = Clock::now() + std::chrono::seconds(5);
+  until = Clock::now() + kHang;
   while (w.readers() > 0 && Clock::now() < until) {
     w.serviceReaders();
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -241,18 +352,19 @@ TEST(MemtabProcesses, NotificationsReachAReaderInAnotherProcess) {
     c.r = &r;
     char x = 'r';
     if (write(ready[1], &x, 1) != 1) return 3;
-    auto until = Clock::now() + std::chrono::seconds(10);
+    auto until = Clock::now() + kHang;
     while (c.seen.size() < kKeys && Clock::now() < until) {
       pollfd p{r.fd(), POLLIN, 0};
       poll(&p, 1, 50);
       r.processNotifications(c);
     }
-    return c.seen.size() == kKeys ? 0 : 4;
+    return c.seen.size() == kKeys ? 0 : 4;  // not every key arrived
   });
+  close(ready[1]);
   char x;
-  ASSERT_EQ(read(ready[0], &x, 1), 1);
+  ASSERT_EQ(read(ready[0], &x, 1), 1) << "reader exited " << ended(reader);
   Memtab::Writer<Record> w(name);
-  auto until = Clock::now() + std::chrono::seconds(5);
+  auto until = Clock::now() + kHang;
   while (w.readers() == 0 && Clock::now() < until) {
     w.serviceReaders();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -260,7 +372,6 @@ TEST(MemtabProcesses, NotificationsReachAReaderInAnotherProcess) {
   for (std::uint64_t id = 0; id < kKeys; ++id) w.insert(Record(id, 1));
   EXPECT_EQ(exitStatus(reader), 0);
   close(ready[0]);
-  close(ready[1]);
 }
 
 TEST(MemtabProcesses, AMillionEntries) {

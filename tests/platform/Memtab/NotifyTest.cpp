@@ -12,6 +12,9 @@ namespace {
 using namespace MemtabTest;
 using Memtab::MountStatus;
 
+// Waits for something that must happen: only a bound against a hang.
+constexpr int kHangMs = 60000;
+
 bool readable(int fd, int timeoutMs) {
   pollfd p{fd, POLLIN, 0};
   return poll(&p, 1, timeoutMs) == 1;
@@ -56,7 +59,7 @@ TEST(MemtabNotify, ChangesToAKeyCoalesceAndEachChangedKeyIsDeliveredOnce) {
   Memtab::Reader<Record> r(name);
   Log log;
   w.serviceReaders();
-  ASSERT_TRUE(readable(r.fd(), 1000));
+  ASSERT_TRUE(readable(r.fd(), kHangMs));
   r.processNotifications(log);
   EXPECT_EQ(log.statuses, std::vector{MountStatus::mounted});
   EXPECT_EQ(log.tables, 1);
@@ -64,7 +67,7 @@ TEST(MemtabNotify, ChangesToAKeyCoalesceAndEachChangedKeyIsDeliveredOnce) {
   log.clear();
 
   w.insert(Record(3, 0));
-  ASSERT_TRUE(readable(r.fd(), 1000)) << "the doorbell did not ring";
+  ASSERT_TRUE(readable(r.fd(), kHangMs)) << "the doorbell did not ring";
   for (int i = 1; i <= 5; ++i) w.insert(Record(1, i));
   w.insert(Record(2, 0));
   w.del(Id{3});
@@ -79,7 +82,7 @@ TEST(MemtabNotify, ChangesToAKeyCoalesceAndEachChangedKeyIsDeliveredOnce) {
   log.clear();
   w.delAll();
   w.insert(Record(7, 0));
-  ASSERT_TRUE(readable(r.fd(), 1000));
+  ASSERT_TRUE(readable(r.fd(), kHangMs));
   r.processNotifications(log);
   EXPECT_EQ(log.tables, 1);
   EXPECT_EQ(log.keys, std::vector<std::uint64_t>{7});
@@ -117,7 +120,7 @@ TEST(MemtabNotify, MountStatusFollowsTheTableAndItsWriter) {
 
   auto w = std::make_unique<Memtab::Writer<Record>>(name.value);
   w->insert(Record(1, 1));
-  ASSERT_TRUE(readable(r.fd(), 2000)) << "table creation went unnoticed";
+  ASSERT_TRUE(readable(r.fd(), kHangMs)) << "table creation went unnoticed";
   settle(r, log, w.get());
   EXPECT_EQ(r.mountStatus(), MountStatus::mounted);
   EXPECT_EQ(log.statuses, std::vector{MountStatus::mounted});
@@ -126,14 +129,14 @@ TEST(MemtabNotify, MountStatusFollowsTheTableAndItsWriter) {
 
   log.clear();
   w.reset();  // the writer goes away; the table stays
-  ASSERT_TRUE(readable(r.fd(), 2000));
+  ASSERT_TRUE(readable(r.fd(), kHangMs));
   r.processNotifications(log);
   EXPECT_EQ(log.statuses, std::vector{MountStatus::writerGone});
   EXPECT_EQ(r.lookup(Id{1}), Record(1, 1));
 
   log.clear();
   w = std::make_unique<Memtab::Writer<Record>>(name.value);  // a new writer re-attaches
-  ASSERT_TRUE(readable(r.fd(), 2000));
+  ASSERT_TRUE(readable(r.fd(), kHangMs));
   settle(r, log, w.get());
   EXPECT_EQ(log.statuses, std::vector{MountStatus::mounted});
   EXPECT_GE(log.tables, 1);
@@ -143,7 +146,7 @@ TEST(MemtabNotify, MountStatusFollowsTheTableAndItsWriter) {
 
   log.clear();
   Memtab::unlinkTable(name.value);
-  ASSERT_TRUE(readable(r.fd(), 2000));
+  ASSERT_TRUE(readable(r.fd(), kHangMs));
   r.processNotifications(log);
   EXPECT_EQ(log.statuses, std::vector{MountStatus::unmounted});
   EXPECT_EQ(log.tables, 1);
