@@ -39,6 +39,12 @@ void StrepReader::done() {
   if (!single_) Parse::expect(it_, end_, "})");
 }
 
+void keyMismatch(const char* collection, const std::string& key, const char* attribute,
+                 const std::string& value) {
+  throw RangeException(std::string(collection) + " key " + key + " is not the value's " +
+                       attribute + " " + value);
+}
+
 void reinstantiating(const std::string& fullName, const char* param, const std::string& requested,
                      const std::string& present) {
   throw NameInUseException("Reinstantiating the entity with fullName " + fullName +

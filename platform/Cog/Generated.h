@@ -163,6 +163,12 @@ Ptr<E> genericEntityCast(const Ptr<GenericIf>& value, const char* what) {
   return Ptr<E>(const_cast<U*>(p));
 }
 
+// RangeException of a collection whose values carry their own key, given a
+// value under another key: "<Type>::<collection> key <key> is not the
+// value's <attribute> <its value>".
+[[noreturn]] void keyMismatch(const char* collection, const std::string& key, const char* attribute,
+                              const std::string& value);
+
 // NameInUseException of an instantiating collection asked for an existing
 // member with a different constructor parameter.
 [[noreturn]] void reinstantiating(const std::string& fullName, const char* param,

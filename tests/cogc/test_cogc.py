@@ -277,6 +277,34 @@ class Compiler(unittest.TestCase):
             "(it needs a single unbounded number or bool attribute)",
         ])
 
+    def test_keyed_by(self):
+        m = self.model("""\
+            namespace A {
+              value S { mode: u8; n: u32; }
+              entity T(name: Name) { byMode: ordered<u8, S> keyedBy mode resync; }
+            }
+            """)
+        self.assertIn("    258 collection byMode: ordered<U8, A::S> keyedBy mode resync\n", m)
+        errs = self.errors("""\
+            namespace A {
+              value S { mode: u8; n: u32; }
+              entity T(name: Name) {
+                a: map<u8, S> keyedBy nope;
+                b: map<u32, S> keyedBy mode;
+                c: set<u8> keyedBy mode;
+                d: u8 keyedBy mode;
+              }
+              value V { e: map<u8, S> keyedBy mode; }
+            }
+            """)
+        self.assertEqual(errs, [
+            "Bad.cog:4: error: A::S has no attribute nope to key a",
+            "Bad.cog:5: error: S::mode is a U8, not the key type U32 of b",
+            "Bad.cog:6: error: keyedBy applies to entity maps of value types, not to c",
+            "Bad.cog:7: error: keyedBy applies to entity maps of value types, not to d",
+            "Bad.cog:9: error: keyedBy applies to entity maps of value types, not to e",
+        ])
+
     def test_missing_import(self):
         errs = self.errors("import Nowhere;\nnamespace A { value V { x: u8; } }\n")
         self.assertEqual(errs, ["Bad.cog:1: error: cannot find schema unit Nowhere "

@@ -46,8 +46,12 @@ TEST(HardwareStatus, ExternalEnumerationsMirrorAndPrint) {
   s->nexthopGroupMplsOverGreLabelActionIs(MplsLabelAction::pop);
   s->nexthopGroupMplsOverUdpLabelActionIs(MplsLabelAction::forward, true);
   s->nexthopGroupMplsOverUdpLabelActionIs(MplsLabelAction::none, false);
-  s->staticInterfaceTunnelSupportIs(TunnelIntfMode::gre, greSupport());
+  s->staticInterfaceTunnelSupportIs(greSupport());
   s->staticInterfaceTunnelSupportIs(TunnelIntfMode::ipip, StaticInterfaceTunnelSupport(TunnelIntfMode::ipip, false, true));
+  // Each support record sits under its own encap.
+  EXPECT_EQ(testsupport::exceptionText([&] { s->staticInterfaceTunnelSupportIs(TunnelIntfMode::ipsec, greSupport()); }),
+            "Status::staticInterfaceTunnelSupport key ipsec is not the value's encap gre");
+  EXPECT_EQ(s->staticInterfaceTunnelSupport().size(), 2u);
 
   // Text: enumerators by name, collections in key order.
   EXPECT_EQ(Cog::strepOf(s->nexthopGroupMplsLabelAction()), "[push, swap]");

@@ -155,6 +155,7 @@ class Member:
         self.is_const = False
         self.is_static = False
         self.reacts = []  # inputs: list of Member of the input's type
+        self.keyed_by = None  # collections of values that carry their key: that attribute
         self.owner = None
 
     @property
@@ -782,7 +783,30 @@ class Model:
             elif r.kind == "value":
                 self.diags.error(syn.pos, "resync applies to entity collections")
         m.flags = list(syn.flags)
+        if syn.keyed_by is not None:
+            m.keyed_by = self.resolve_keyed_by(r, m, syn)
         return m
+
+    def resolve_keyed_by(self, r, m, syn):
+        """`x: map<K, V> keyedBy a;`: each value is stored under its own
+        attribute a (of type K), which the setter checks."""
+        name, pos = syn.keyed_by
+        if m.kind != "collection" or m.collection not in ("map", "ordered") or \
+                not (isinstance(m.type, Record) and m.type.kind == "value") or r.kind == "value":
+            self.diags.error(pos, "keyedBy applies to entity maps of value types, not to %s"
+                             % syn.name)
+            return None
+        self.resolve_record(m.type)
+        a = next((x for x in m.type.stored() if x.name == name), None)
+        if a is None or a.kind != "attr":
+            self.diags.error(pos, "%s has no attribute %s to key %s"
+                             % (m.type.full_name, name, syn.name))
+            return None
+        if a.type is not m.key:
+            self.diags.error(pos, "%s::%s is a %s, not the key type %s of %s"
+                             % (m.type.name, name, a.type.full_name, m.key.full_name, syn.name))
+            return None
+        return a
 
     def resolve_bounds(self, r, m, bounds):
         t = m.type
@@ -1045,6 +1069,8 @@ def describe_member(m):
         s += " in [%s, %s]" % (m.bounds.lo.text, m.bounds.hi.text)
     if m.reacts:
         s += " reacts %s" % ", ".join(x.name for x in m.reacts)
+    if m.keyed_by is not None:
+        s += " keyedBy %s" % m.keyed_by.name
     for f in m.flags:
         s += " " + f
     return s

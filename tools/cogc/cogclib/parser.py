@@ -273,10 +273,16 @@ class Parser:
             hi = self.expr({"]"})
             self.expect("]")
             bounds = (lo, hi)
+        keyed_by = None
         while self.tok.kind == "name":
-            flags.append(self.take().text)
+            flag = self.take()
+            if flag.text == "keyedBy":
+                k = self.name("the value's attribute that is its key")
+                keyed_by = (k.text, k.pos)
+            else:
+                flags.append(flag.text)
         self.expect(";")
-        return S.Attr(n.text, ty, default, bounds, flags, n.pos)
+        return S.Attr(n.text, ty, default, bounds, flags, n.pos, keyed_by)
 
     def type_ref(self):
         name, pos = self.qname("a type")

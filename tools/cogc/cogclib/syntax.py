@@ -60,6 +60,7 @@ class Attr:
     bounds: Optional[tuple]  # (Expr, Expr)
     flags: List[str]
     pos: Position
+    keyed_by: Optional[tuple] = None  # (value attribute name, Position)
 
 
 @dataclass
