@@ -301,19 +301,12 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
       std::size_t k = group_.size();
       if (groupScratch_.size() <= k) groupScratch_.resize(k + 1);
       std::uint32_t len = 0;
-      Copy c = copyRecord(at, w, groupScratch_[k], &len, acceptOdd);
+      Copy c = copyEntry(iw, pos, w, groupScratch_[k], &len, acceptOdd, why);
       if (c == Copy::unstable) {
         retry = true;
         break;
       }
-      if (c == Copy::bad) {
-        if (replaced(iw)) {
-          retry = true;
-          break;
-        }
-        *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
-        return Step::corrupt;
-      }
+      if (c == Copy::bad) return Step::corrupt;
       group_.push_back({off, len});
     }
     if (!retry) {
@@ -383,6 +376,44 @@ std::atomic<std::uint64_t>& Store::bucket(const IndexWord& ix, std::uint32_t pos
 }
 std::atomic<std::uint64_t>& Store::blockSeq(const IndexWord& ix, std::uint32_t block) const {
   return word(base_, ix.offset + blockOffset(block));
+}
+
+void Store::beginMove(const IndexWord& ix, std::uint32_t first, std::uint32_t last) {
+  for (std::uint32_t b = first / kBucketsPerBlock; b <= last / kBucketsPerBlock; ++b) {
+    auto& s = blockSeq(ix, b);
+    s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+  // The odd sequence words are visible before any bucket moves.
+  std::atomic_thread_fence(std::memory_order_release);
+}
+
+void Store::endMove(const IndexWord& ix, std::uint32_t first, std::uint32_t last) {
+  for (std::uint32_t b = first / kBucketsPerBlock; b <= last / kBucketsPerBlock; ++b) {
+    auto& s = blockSeq(ix, b);
+    s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  }
+}
+
+bool Store::locate(const IndexWord& ix, std::uint32_t hash, Matcher match, void* context,
+                   std::uint32_t* pos, std::uint32_t* length) {
+  const std::uint32_t total = ix.totalBuckets();
+  std::uint32_t p = homeOf(hash, ix.homeBuckets());
+  for (; p < total; ++p) {
+    const std::uint64_t w = bucket(ix, p).load(std::memory_order_relaxed);
+    if (w == 0 || bucketHash(w) > hash) break;
+    if (bucketHash(w) < hash) continue;
+    const std::uint64_t off = bucketRecord(w);
+    const std::uint32_t len = recordLength(word(base_, off).load(std::memory_order_relaxed));
+    scratch_.assign(base_ + off + kRecordHeader, base_ + off + kRecordHeader + len);
+    std::string why;
+    if (match(context, scratch_, len, &why) == Verdict::match) {
+      *pos = p;
+      *length = len;
+      return true;
+    }
+  }
+  *pos = p;
+  return false;
 }
 
 std::uint32_t Store::blocksFor(std::uint64_t entries) const {
@@ -808,25 +839,9 @@ Store::Upsert Store::upsert(std::uint32_t hash, const std::uint8_t* image, std::
     const IndexWord ix = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
     const std::uint32_t home = homeOf(hash, ix.homeBuckets());
     const std::uint32_t total = ix.totalBuckets();
-    std::uint32_t pos = home;
-    bool found = false;
-    std::uint64_t w = 0;
-    for (; pos < total; ++pos) {
-      w = bucket(ix, pos).load(std::memory_order_relaxed);
-      if (w == 0 || bucketHash(w) > hash) break;
-      if (bucketHash(w) < hash) continue;
-      std::uint64_t off = bucketRecord(w);
-      std::uint32_t len = recordLength(word(base_, off).load(std::memory_order_relaxed));
-      scratch_.assign(base_ + off + kRecordHeader, base_ + off + kRecordHeader + len);
-      std::string why;
-      if (match(context, scratch_, len, &why) == Verdict::match) {
-        found = true;
-        break;
-      }
-    }
-    if (found) {
-      const std::uint64_t oldOff = bucketRecord(w);
-      const std::uint32_t oldLen = recordLength(word(base_, oldOff).load(std::memory_order_relaxed));
+    std::uint32_t pos = 0, oldLen = 0;
+    if (locate(ix, hash, match, context, &pos, &oldLen)) {
+      const std::uint64_t oldOff = bucketRecord(bucket(ix, pos).load(std::memory_order_relaxed));
       if (!force && oldLen == length &&
           std::memcmp(base_ + oldOff + kRecordHeader, image, length) == 0) {
         return Upsert::unchanged;
@@ -860,21 +875,13 @@ Store::Upsert Store::upsert(std::uint32_t hash, const std::uint8_t* image, std::
     if (empty == pos) {
       bucket(ix, pos).store(nw, std::memory_order_release);
     } else {
-      const std::uint32_t b0 = pos / kBucketsPerBlock, b1 = empty / kBucketsPerBlock;
-      for (std::uint32_t b = b0; b <= b1; ++b) {
-        auto& s = blockSeq(ix, b);
-        s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-      }
-      std::atomic_thread_fence(std::memory_order_release);
+      beginMove(ix, pos, empty);
       for (std::uint32_t q = empty; q > pos; --q) {
         bucket(ix, q).store(bucket(ix, q - 1).load(std::memory_order_relaxed),
                             std::memory_order_relaxed);
       }
       bucket(ix, pos).store(nw, std::memory_order_relaxed);
-      for (std::uint32_t b = b0; b <= b1; ++b) {
-        auto& s = blockSeq(ix, b);
-        s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-      }
+      endMove(ix, pos, empty);
     }
     header()->count.store(n + 1, std::memory_order_relaxed);
     return Upsert::inserted;
@@ -885,25 +892,10 @@ bool Store::erase(std::uint32_t hash, Matcher match, void* context, std::vector<
                   std::uint32_t* oldLength) {
   const IndexWord ix = IndexWord::decode(header()->index.load(std::memory_order_relaxed));
   const std::uint32_t total = ix.totalBuckets();
-  std::uint32_t pos = homeOf(hash, ix.homeBuckets());
-  std::uint64_t w = 0;
-  bool found = false;
-  for (; pos < total; ++pos) {
-    w = bucket(ix, pos).load(std::memory_order_relaxed);
-    if (w == 0 || bucketHash(w) > hash) break;
-    if (bucketHash(w) < hash) continue;
-    std::uint64_t off = bucketRecord(w);
-    std::uint32_t len = recordLength(word(base_, off).load(std::memory_order_relaxed));
-    scratch_.assign(base_ + off + kRecordHeader, base_ + off + kRecordHeader + len);
-    std::string why;
-    if (match(context, scratch_, len, &why) == Verdict::match) {
-      found = true;
-      *old = scratch_;
-      *oldLength = len;
-      break;
-    }
-  }
-  if (!found) return false;
+  std::uint32_t pos = 0;
+  if (!locate(ix, hash, match, context, &pos, oldLength)) return false;
+  *old = scratch_;
+  const std::uint64_t w = bucket(ix, pos).load(std::memory_order_relaxed);
   // Displaced entries after pos move one to the left, towards their homes.
   std::uint32_t end = pos + 1;
   while (end < total) {
@@ -914,21 +906,13 @@ bool Store::erase(std::uint32_t hash, Matcher match, void* context, std::vector<
   if (end == pos + 1) {
     bucket(ix, pos).store(0, std::memory_order_release);
   } else {
-    const std::uint32_t b0 = pos / kBucketsPerBlock, b1 = (end - 1) / kBucketsPerBlock;
-    for (std::uint32_t b = b0; b <= b1; ++b) {
-      auto& s = blockSeq(ix, b);
-      s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    }
-    std::atomic_thread_fence(std::memory_order_release);
+    beginMove(ix, pos, end - 1);
     for (std::uint32_t q = pos; q + 1 < end; ++q) {
       bucket(ix, q).store(bucket(ix, q + 1).load(std::memory_order_relaxed),
                           std::memory_order_relaxed);
     }
     bucket(ix, end - 1).store(0, std::memory_order_relaxed);
-    for (std::uint32_t b = b0; b <= b1; ++b) {
-      auto& s = blockSeq(ix, b);
-      s.store(s.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-    }
+    endMove(ix, pos, end - 1);
   }
   const std::uint64_t oldOff = bucketRecord(w);
   release(oldOff, recordBytes(*oldLength));

@@ -142,6 +142,11 @@ class View {
   // long as it and the bucket pointing at it stay put while it is copied.
   Copy copyRecord(std::uint64_t bucketAt, std::uint64_t word, std::vector<std::uint8_t>& into,
                   std::uint32_t* length, bool acceptOdd);
+  // copyRecord() for the entry in bucket `pos` of array `iw`, holding `w`:
+  // a bad record counts only while the array is still the published one,
+  // and then `why` says what is wrong.
+  Copy copyEntry(std::uint64_t iw, std::uint32_t pos, std::uint64_t w, std::vector<std::uint8_t>& into,
+                 std::uint32_t* length, bool acceptOdd, std::string* why);
   bool backOff(unsigned attempt, bool* acceptOdd);
   // The writer has published another bucket array since `indexWord`.
   bool replaced(std::uint64_t indexWord) const;
@@ -222,6 +227,15 @@ class Store : public View {
   std::uint64_t writeRecord(const std::uint8_t* image, std::uint32_t length);
   std::atomic<std::uint64_t>& bucket(const IndexWord& ix, std::uint32_t pos) const;
   std::atomic<std::uint64_t>& blockSeq(const IndexWord& ix, std::uint32_t block) const;
+  // Bracket a move of buckets `first` to `last`: their blocks' sequence
+  // words are odd in between.
+  void beginMove(const IndexWord& ix, std::uint32_t first, std::uint32_t last);
+  void endMove(const IndexWord& ix, std::uint32_t first, std::uint32_t last);
+  // Finds the entry `match` recognises: true with its bucket in `pos`, its
+  // image in scratch_ and the image's length in `length`; else false with
+  // `pos` where a new entry for `hash` goes.
+  bool locate(const IndexWord& ix, std::uint32_t hash, Matcher match, void* context,
+              std::uint32_t* pos, std::uint32_t* length);
   // Rebuilds the bucket array with `homeBlocks` home blocks and publishes it.
   bool rebuildIndex(std::uint32_t homeBlocks);
   // Grows the bucket array for `entries` entries, doubling until they fit.
@@ -272,6 +286,18 @@ inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std:
 inline bool View::replaced(std::uint64_t indexWord) const {
   std::atomic_thread_fence(std::memory_order_acquire);
   return header()->index.load(std::memory_order_relaxed) != indexWord;
+}
+
+inline View::Copy View::copyEntry(std::uint64_t iw, std::uint32_t pos, std::uint64_t w,
+                                  std::vector<std::uint8_t>& into, std::uint32_t* length,
+                                  bool acceptOdd, std::string* why) {
+  const std::uint64_t at = IndexWord::decode(iw).offset + bucketOffset(pos);
+  Copy c = copyRecord(at, w, into, length, acceptOdd);
+  if (c == Copy::bad) {
+    if (replaced(iw)) return Copy::unstable;
+    *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
+  }
+  return c;
 }
 
 inline bool View::unchanged(std::uint64_t iw, const std::uint32_t* blocks, const std::uint64_t* seqs,
@@ -341,19 +367,12 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
       if (h < hash) continue;
       if (h > hash) break;
       std::uint32_t len = 0;
-      Copy c = copyRecord(at, w, scratch_, &len, acceptOdd);
+      Copy c = copyEntry(iw, pos, w, scratch_, &len, acceptOdd, why);
       if (c == Copy::unstable) {
         retry = true;
         break;
       }
-      if (c == Copy::bad) {
-        if (replaced(iw)) {
-          retry = true;
-          break;
-        }
-        *why = "bucket " + std::to_string(pos) + " refers to a record outside the segment";
-        return Found::corrupt;
-      }
+      if (c == Copy::bad) return Found::corrupt;
       Verdict v = match(scratch_, len, why);
       // The record was in place while it was copied; that counts unless it
       // was read through an array the writer has replaced (and perhaps
