@@ -56,12 +56,13 @@ void readEnvLocked(Registry& r) {
 
 }  // namespace
 
-Handle::Handle(const char* name) : name_(name) {
+Handle::Handle(const char* name, std::atomic<int>* level)
+    : name_(name), level_(level ? level : &ownLevel_) {
   auto& r = registry();
   std::lock_guard lock(r.mutex);
   readEnvLocked(r);
   for (auto& [pattern, level] : r.patterns) {
-    if (matches(pattern, name_)) level_.store(level, std::memory_order_relaxed);
+    if (matches(pattern, name_)) level_->store(level, std::memory_order_relaxed);
   }
   r.handles.push_back(this);
 }
@@ -69,7 +70,7 @@ Handle::Handle(const char* name) : name_(name) {
 void Handle::levelIs(int level) {
   if (level < kOff) level = kOff;
   if (level > kMaxLevel) level = kMaxLevel;
-  level_.store(level, std::memory_order_relaxed);
+  level_->store(level, std::memory_order_relaxed);
 }
 
 void Handle::emit(int level, const char* file, unsigned line, const char* function,

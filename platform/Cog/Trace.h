@@ -5,8 +5,9 @@
 //   COG_TRACE(3, "rebaseWeights" << " inWeight:" << w);
 //
 // A handle has a level from -1 (off, the default) to 9; a record of level L is
-// built only when L <= the handle's level, so a disabled site costs one load
-// and one compare. Levels are switched at run time per handle, by name or by
+// built only when L <= the handle's level. The unit's level lives in a
+// constant-initialised word of its own, so a disabled site costs one load and
+// one compare: no initialisation guard, no call. Levels are switched at run time per handle, by name or by
 // a pattern ending in '*':
 //   - the environment variable COG_TRACE, read when a handle first registers,
 //     e.g. COG_TRACE='UcmpWeightRebase=3,Fec*=9' or COG_TRACE='*=9';
@@ -42,13 +43,16 @@ struct Record {
 
 class Handle {
  public:
-  explicit Handle(const char* name);
+  // `level` is the word the handle keeps its level in; by default one of its
+  // own. COG_TRACE_HANDLE passes a constant-initialised word that trace
+  // sites read directly.
+  explicit Handle(const char* name, std::atomic<int>* level = nullptr);
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
 
   const char* name() const { return name_; }
-  bool enabled(int level) const { return level <= level_.load(std::memory_order_relaxed); }
-  int level() const { return level_.load(std::memory_order_relaxed); }
+  bool enabled(int level) const { return level <= level_->load(std::memory_order_relaxed); }
+  int level() const { return level_->load(std::memory_order_relaxed); }
   void levelIs(int level);
 
   void emit(int level, const char* file, unsigned line, const char* function,
@@ -56,7 +60,8 @@ class Handle {
 
  private:
   const char* name_;
-  std::atomic<int> level_{kOff};
+  std::atomic<int> ownLevel_{kOff};
+  std::atomic<int>* level_;
 };
 
 // Sets the level of every registered handle whose name matches `pattern`
@@ -94,8 +99,9 @@ class CaptureSink {
 
 #define COG_TRACE_HANDLE(unitName)                                  \
   namespace {                                                       \
+  constinit std::atomic<int> cogDefaultTraceLevel_{::Cog::Trace::kOff}; \
   [[maybe_unused]] ::Cog::Trace::Handle& cogDefaultTraceHandle() {  \
-    static ::Cog::Trace::Handle handle(unitName);                   \
+    static ::Cog::Trace::Handle handle(unitName, &cogDefaultTraceLevel_); \
     return handle;                                                  \
   }                                                                 \
   /* registers the handle at load time, so tools can list it */     \
@@ -105,13 +111,13 @@ class CaptureSink {
 
 #define COG_TRACE(lvl, expr)                                                   \
   do {                                                                         \
-    const ::Cog::Trace::Handle& cogTraceHandle_ = cogDefaultTraceHandle();     \
-    if (cogTraceHandle_.enabled(lvl)) {                                        \
+    if (COG_TRACE_ENABLED(lvl)) {                                              \
       std::ostringstream cogTraceStream_;                                      \
       cogTraceStream_ << expr;                                                 \
-      cogTraceHandle_.emit(lvl, __FILE_NAME__, __LINE__, __func__,             \
-                           std::move(cogTraceStream_).str());                  \
+      cogDefaultTraceHandle().emit(lvl, __FILE_NAME__, __LINE__, __func__,     \
+                                   std::move(cogTraceStream_).str());          \
     }                                                                          \
   } while (0)
 
-#define COG_TRACE_ENABLED(lvl) (cogDefaultTraceHandle().enabled(lvl))
+#define COG_TRACE_ENABLED(lvl) \
+  ((lvl) <= cogDefaultTraceLevel_.load(std::memory_order_relaxed))
