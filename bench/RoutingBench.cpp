@@ -10,6 +10,14 @@
 // "vsStd", its CPU time per route divided by that of the baseline run just
 // before it, and "bytesPerRoute" (heap bytes per route, from the allocator's
 // own accounting).
+//
+// The per-key benchmarks follow one Route with N vias through K random
+// viaIs/viaDel changes made while its attribute-log adapter has no room (so
+// every change becomes a per-key dirty mark), then the flow-out that sends
+// the marked keys. The baseline does the least that job needs: a hash map of
+// the vias, a std::unordered_set of the changed ones, and the same records
+// written to an NboAttrLog::Out. "vsStd" is the per-change CPU time against
+// the baseline run just before it.
 #include <benchmark/benchmark.h>
 
 #include <malloc.h>
@@ -19,6 +27,7 @@
 #include <cstdint>
 #include <random>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "Cog/NboAttrLogSa.h"
@@ -264,6 +273,128 @@ void BM_Apply_RouteList(benchmark::State& state) {
   report(state, kApply, false, start);
 }
 
+
+// ---- per-key dirty marks
+
+using Routing::Via;
+
+constexpr std::uint32_t kChanges = 64;
+constexpr Cog::AttributeId kViaId = 262;
+
+struct ViaHash {
+  std::size_t operator()(const Via& v) const noexcept { return v.hash(); }
+};
+
+Via benchVia(std::uint32_t i) {
+  return Via(Velnet::IpGenAddr::ipv4(0x0B000000u + i), Velnet::IntfId(Cog::String("Ethernet1")),
+             Velnet::MplsLabel(), i % 3, Velnet::IpGenAddr(), Velnet::EthAddr());
+}
+
+// A change: set `via` to `value`, or delete it.
+struct Change {
+  Via via;
+  bool del;
+  bool value;
+};
+
+// K changes among 2N vias (about half of them present at any time), the
+// same sequence for both candidates.
+std::vector<Change> changes(std::uint32_t n, std::uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<Change> out;
+  for (std::uint32_t i = 0; i < kChanges; ++i) {
+    std::uint32_t r = rng();
+    out.push_back(Change{benchVia(r % (2 * n)), (r >> 16) % 3 == 0, ((r >> 20) & 1) != 0});
+  }
+  return out;
+}
+
+double perKeyStdNs[2] = {};
+
+void reportPerKey(benchmark::State& state, bool baseline, double spent) {
+  const double ns = spent / (static_cast<double>(state.iterations()) * kChanges);
+  const int slot = state.range(0) > 8 ? 1 : 0;
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kChanges));
+  state.counters["cpuNsPerChange"] = ns;
+  if (baseline) {
+    perKeyStdNs[slot] = ns;
+  } else if (perKeyStdNs[slot] > 0) {
+    state.counters["vsStd"] = ns / perKeyStdNs[slot];
+  }
+}
+
+void BM_DirtyKeys_Std(benchmark::State& state) {
+  const auto n = static_cast<std::uint32_t>(state.range(0));
+  std::unordered_map<Via, bool, ViaHash> vias;
+  for (std::uint32_t i = 0; i < n; ++i) vias.emplace(benchVia(2 * i), true);
+  std::unordered_set<Via, ViaHash> dirty;
+  auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+  std::uint32_t round = 0;
+  double spent = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    const std::vector<Change> cs = changes(n, round++);
+    out->clear();
+    state.ResumeTiming();
+    const double start = threadCpuNs();
+    for (const Change& c : cs) {
+      bool changed;
+      if (c.del) {
+        changed = vias.erase(c.via) != 0;
+      } else {
+        auto [it, inserted] = vias.try_emplace(c.via, c.value);
+        changed = inserted || it->second != c.value;
+        it->second = c.value;
+      }
+      if (changed) dirty.insert(c.via);
+    }
+    for (const Via& v : dirty) {
+      auto it = vias.find(v);
+      out->putU32(kViaId);
+      if (it == vias.end()) {
+        out->putU8(static_cast<std::uint8_t>(Cog::AttrLogOp::keyDel));
+        out << v;
+      } else {
+        out->putU8(static_cast<std::uint8_t>(Cog::AttrLogOp::keySet));
+        out << v;
+        out->putU8(it->second);
+      }
+    }
+    dirty.clear();
+    spent += threadCpuNs() - start;
+    benchmark::DoNotOptimize(out->size());
+  }
+  reportPerKey(state, true, spent);
+}
+
+void BM_DirtyKeys_Route(benchmark::State& state) {
+  const auto n = static_cast<std::uint32_t>(state.range(0));
+  auto list = Routing::routeListFactory("bench");
+  auto route = list->routeIs(keys()[0], RouteType::forward);
+  for (std::uint32_t i = 0; i < n; ++i) route->viaIs(benchVia(2 * i), true);
+  auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+  auto sa = route->cogNboAttrLogSaIs(0, 0, out);
+  std::uint32_t round = 0;
+  double spent = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    const std::vector<Change> cs = changes(n, round++);
+    out->clear();
+    sa->capacityIs(0);  // no room: every change waits as a dirty mark
+    state.ResumeTiming();
+    const double start = threadCpuNs();
+    for (const Change& c : cs) {
+      if (c.del) route->viaDel(c.via);
+      else route->viaIs(c.via, c.value);
+    }
+    sa->capacityIs(std::size_t{1} << 30);
+    sa->flowOutIs(true);
+    spent += threadCpuNs() - start;
+    if (sa->dirtyKeys(kViaId) != 0) state.SkipWithError("flow-out left marks");
+  }
+  reportPerKey(state, false, spent);
+}
+
 }  // namespace
 
 // Baselines first: each RouteList run divides by the run before it.
@@ -277,3 +408,5 @@ BENCHMARK(BM_Resync_Std)->Name("BM_Resync1M/std::unordered_map")->Unit(benchmark
 BENCHMARK(BM_Resync_RouteList)->Name("BM_Resync1M/RouteList")->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Apply_Std)->Name("BM_Apply1M/std::unordered_map")->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Apply_RouteList)->Name("BM_Apply1M/RouteList")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DirtyKeys_Std)->Name("BM_DirtyKeys/std::unordered_set")->Arg(8)->Arg(256);
+BENCHMARK(BM_DirtyKeys_Route)->Name("BM_DirtyKeys/Route")->Arg(8)->Arg(256);
