@@ -6,9 +6,13 @@
 // types; hand-written code uses Type.h, GenericIf.h and Entity.h directly.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <ostream>
+#include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -135,18 +139,99 @@ std::vector<Ptr<GenericIf>> samplesOf() {
   return TypeOf<A>::type()->samples();
 }
 
-// The attribute-log form of a key (per-key dirty marks) and back.
+}  // namespace Cog::Glue
+
+namespace Cog {
+
+// Per-key dirty marks of a collection with keys K: a HashSet2018 for keys
+// that hash, else an ordered set. The marks are the keys themselves; a key's
+// attribute-log form is made only when the marks are sent, to send them in
+// the order of that form (the order the log has always had, so that a
+// burst of marks reads the same whatever the key type).
 template <typename K>
-AttrLogKey attrLogKeyOf(const K& key) {
-  auto out = allocate<NboAttrLog::Out>();
-  ValueTraits<K>::put(out, key);
-  return AttrLogKey(out->bytes().begin(), out->bytes().end());
-}
+class Entity::CogNboAttrLogSa::DirtyKeySet final : public Entity::CogNboAttrLogSa::DirtyKeys {
+ public:
+  explicit DirtyKeySet(KeyWriter<K> write) : write_(write) {}
+  std::size_t size() const override { return keys_.size(); }
+  bool has(const K& key) const {
+    if constexpr (hashed) return keys_.contains(key);
+    else return keys_.count(key) != 0;
+  }
+  void insert(const K& key) { keys_.insert(key); }
+
+  bool flowOut(CogNboAttrLogSa& sa, AttributeId id) override {
+    std::vector<K> keys(keys_.begin(), keys_.end());
+    if (keys.size() > 1) keys = inLogOrder(std::move(keys));
+    for (const K& key : keys) {
+      if (!sa.prepareImmediateTransmission()) return false;
+      write_(sa, id, key, sa.out());
+      keys_.erase(key);
+    }
+    return true;
+  }
+
+ private:
+  static constexpr bool hashed =
+      HasMemberHash<K> || std::is_integral_v<K> || std::is_enum_v<K>;
+
+  // `keys` sorted bytewise by their attribute-log form (a shorter form that
+  // is a prefix of a longer one first).
+  static std::vector<K> inLogOrder(std::vector<K> keys) {
+    auto forms = allocate<NboAttrLog::Out>();
+    std::vector<std::size_t> start;
+    start.reserve(keys.size() + 1);
+    for (const K& key : keys) {
+      start.push_back(forms->size());
+      ValueTraits<K>::put(forms, key);
+    }
+    start.push_back(forms->size());
+    const std::uint8_t* bytes = forms->bytes().data();
+    std::vector<std::size_t> order(keys.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      return std::lexicographical_compare(bytes + start[a], bytes + start[a + 1], bytes + start[b],
+                                          bytes + start[b + 1]);
+    });
+    std::vector<K> out;
+    out.reserve(keys.size());
+    for (std::size_t i : order) out.push_back(std::move(keys[i]));
+    return out;
+  }
+
+  std::conditional_t<hashed, HashSet2018<K>, std::set<K>> keys_;
+  KeyWriter<K> write_;
+};
+
 template <typename K>
-K keyFromAttrLog(const AttrLogKey& bytes) {
-  NboAttrLog::In in(std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
-  return ValueTraits<K>::next(&in);
+void Entity::CogNboAttrLogSa::keyChanged(AttributeId id, const char* name, const K& key,
+                                         KeyWriter<K> write) {
+  if (!changeToSend(id, name)) return;
+  auto* marks = static_cast<DirtyKeySet<K>*>(dirtyKeysOf(id));
+  // An earlier mark of the same key keeps its place in the flow.
+  if ((marks == nullptr || !marks->has(key)) && prepareImmediateTransmission()) {
+    write(*this, id, key, out());
+    return;
+  }
+  if (marks == nullptr) {
+    marks = static_cast<DirtyKeySet<K>*>(dirtyKeysIs(id, std::make_unique<DirtyKeySet<K>>(write)));
+  }
+  marks->insert(key);
 }
+
+template <typename K>
+void Entity::CogNboAttrLogSa::keysMarked(AttributeId id, const std::vector<K>& keys,
+                                         KeyWriter<K> write) {
+  if (keys.empty()) return;
+  auto* marks = static_cast<DirtyKeySet<K>*>(dirtyKeysOf(id));
+  if (marks == nullptr) {
+    marks = static_cast<DirtyKeySet<K>*>(dirtyKeysIs(id, std::make_unique<DirtyKeySet<K>>(write)));
+  }
+  for (const K& key : keys) marks->insert(key);
+}
+
+}  // namespace Cog
+
+namespace Cog::Glue {
 
 // The entity held by a reflected value, as Ptr<E> (E may be const: a
 // read-only handle converts only to Ptr<const E>). Null stays null.

@@ -16,7 +16,17 @@ void Entity::CogNboAttrLogSa::suspendedIs(bool suspended) {
 
 std::size_t Entity::CogNboAttrLogSa::dirtyKeys(AttributeId id) const {
   auto it = dirtyKeys_.find(id);
-  return it == dirtyKeys_.end() ? 0 : it->second.size();
+  return it == dirtyKeys_.end() ? 0 : it->second->size();
+}
+
+Entity::CogNboAttrLogSa::DirtyKeys* Entity::CogNboAttrLogSa::dirtyKeysOf(AttributeId id) const {
+  auto it = dirtyKeys_.find(id);
+  return it == dirtyKeys_.end() ? nullptr : it->second.get();
+}
+
+Entity::CogNboAttrLogSa::DirtyKeys* Entity::CogNboAttrLogSa::dirtyKeysIs(
+    AttributeId id, std::unique_ptr<DirtyKeys> keys) {
+  return (dirtyKeys_[id] = std::move(keys)).get();
 }
 
 void Entity::CogNboAttrLogSa::freeResyncState() {
@@ -51,29 +61,20 @@ void Entity::CogNboAttrLogSa::checkWriteFromRemote(AttributeId id) const {
   }
 }
 
-bool Entity::CogNboAttrLogSa::sendOrMark(AttributeId id, const AttrLogKey* key) {
-  // An earlier mark of the same attribute keeps its place in the flow.
-  bool pending = key ? dirtyKeys_.count(id) && dirtyKeys_[id].count(*key) : dirty_.count(id) != 0;
-  if (!pending && prepareImmediateTransmission()) {
-    if (key) doSerializeKey(id, *key, out_);
-    else doSerializeAttr(id, out_);
-    return true;
-  }
-  if (key) dirtyKeys_[id].insert(*key);
-  else dirty_.insert(id);
-  return false;
+bool Entity::CogNboAttrLogSa::changeToSend(AttributeId id, const char* name) const {
+  if (zombie_ || applying_ == id || suspended()) return false;
+  if (readOnly()) throw ReadOnlyException(name);
+  return true;
 }
 
 void Entity::CogNboAttrLogSa::attrChanged(AttributeId id, const char* name) {
-  if (zombie_ || applying_ == id || suspended()) return;
-  if (readOnly()) throw ReadOnlyException(name);
-  sendOrMark(id, nullptr);
-}
-
-void Entity::CogNboAttrLogSa::keyChanged(AttributeId id, const char* name, AttrLogKey key) {
-  if (zombie_ || applying_ == id || suspended()) return;
-  if (readOnly()) throw ReadOnlyException(name);
-  sendOrMark(id, &key);
+  if (!changeToSend(id, name)) return;
+  // An earlier mark of the same attribute keeps its place in the flow.
+  if (!dirty_.count(id) && prepareImmediateTransmission()) {
+    doSerializeAttr(id, out_);
+    return;
+  }
+  dirty_.insert(id);
 }
 
 void Entity::CogNboAttrLogSa::flowOutIs(bool active) {
@@ -99,13 +100,10 @@ bool Entity::CogNboAttrLogSa::handleAttrFlowOut(AttributeId from) {
       dirtyKeys_.erase(id);
     }
     auto keys = dirtyKeys_.find(id);
-    while (keys != dirtyKeys_.end() && !keys->second.empty()) {
-      if (!prepareImmediateTransmission()) return false;
-      auto first = keys->second.begin();
-      doSerializeKey(id, *first, out_);
-      keys->second.erase(first);
+    if (keys != dirtyKeys_.end()) {
+      if (!keys->second->flowOut(*this, id)) return false;
+      dirtyKeys_.erase(keys);
     }
-    if (keys != dirtyKeys_.end()) dirtyKeys_.erase(keys);
   }
   flowOut_ = FlowOut();
   return true;
@@ -114,7 +112,7 @@ bool Entity::CogNboAttrLogSa::handleAttrFlowOut(AttributeId from) {
 bool Entity::CogNboAttrLogSa::resync() {
   for (AttributeId id : attrIds()) {
     if (isCollection(id) && isResync(id)) {
-      for (AttrLogKey& key : keysNow(id)) dirtyKeys_[id].insert(std::move(key));
+      allKeysMarked(id);
       // Keys deleted while disconnected: the receiver drops what it does not hear of.
       dirty_.erase(id);
     } else {
@@ -143,10 +141,7 @@ void Entity::CogNboAttrLogSa::doSerializeAttr(AttributeId id,
   }
 }
 
-void Entity::CogNboAttrLogSa::doSerializeKey(AttributeId, const AttrLogKey&,
-                                             const Ptr<NboAttrLog::Out>&) const {}
-
-std::vector<AttrLogKey> Entity::CogNboAttrLogSa::keysNow(AttributeId) const { return {}; }
+void Entity::CogNboAttrLogSa::allKeysMarked(AttributeId) {}
 
 void Entity::CogNboAttrLogSa::doSerializeCtorArgs(const Ptr<NboAttrLog::Out>&) const {}
 

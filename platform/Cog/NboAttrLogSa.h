@@ -37,8 +37,8 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "Cog/Entity.h"
@@ -60,16 +60,33 @@ enum class AttrLogOp : std::uint8_t { set = 0, keySet = 1, keyDel = 2, delAll = 
 constexpr AttributeId kAttrIdEntityName = 2;
 constexpr AttributeId kAttrIdFirstOwn = 258;
 
-// The attribute-log form of one key, used for per-key dirty marks
-// (Cog::Glue::attrLogKeyOf in Generated.h makes one).
-using AttrLogKey = std::string;
-
 class Entity::CogNboAttrLogSa : public PtrInterface {
  public:
   struct FlowOut {
     AttributeId current = 0;  // the attribute the flow is at (resume point)
     bool active = false;      // a flow out is under way
   };
+
+  // The dirty keys of one collection, held as keys of the collection's own
+  // key type (DirtyKeySet<K>, defined in Generated.h for the generated
+  // adapters). Made on the collection's first mark, dropped when its last
+  // mark is sent.
+  class DirtyKeys {
+   public:
+    virtual ~DirtyKeys() = default;
+    virtual std::size_t size() const = 0;
+    // Sends the marked keys in the order of their attribute-log form, each
+    // as the collection holds it now, unmarking each sent key; false when
+    // the log filled up first (the rest stay marked).
+    virtual bool flowOut(CogNboAttrLogSa& sa, AttributeId id) = 0;
+  };
+  template <typename K>
+  class DirtyKeySet;
+  // Writes the record of one key of collection `id` as it is now (keySet
+  // when present, keyDel when not).
+  template <typename K>
+  using KeyWriter = void (*)(const CogNboAttrLogSa& sa, AttributeId id, const K& key,
+                             const Ptr<NboAttrLog::Out>& out);
 
   Entity* entity() const { return entity_.ptr(); }
   const Ptr<NboAttrLog::Out>& out() const { return out_; }
@@ -130,17 +147,20 @@ class Entity::CogNboAttrLogSa : public PtrInterface {
  protected:
   CogNboAttrLogSa(Entity* entity, NboAttrLogSaFlags flags, const Ptr<NboAttrLog::Out>& out);
 
-  // Called by generated onX(): a scalar changed / a key changed.
+  // Called by generated onX(): a scalar changed / a key changed. The key is
+  // sent at once through `write` when the log has room and no earlier mark
+  // of it waits, else marked. Defined in Generated.h.
   void attrChanged(AttributeId id, const char* name);
-  void keyChanged(AttributeId id, const char* name, AttrLogKey key);
+  template <typename K>
+  void keyChanged(AttributeId id, const char* name, const K& key, KeyWriter<K> write);
+  // Marks every key of `keys` (resynchronisation). Defined in Generated.h.
+  template <typename K>
+  void keysMarked(AttributeId id, const std::vector<K>& keys, KeyWriter<K> write);
 
   // Generated: the whole attribute (collections: delAll then every key).
   virtual void doSerializeAttr(AttributeId id, const Ptr<NboAttrLog::Out>& out) const;
-  // Generated: one key as it is now (keySet when present, keyDel when not).
-  virtual void doSerializeKey(AttributeId id, const AttrLogKey& key,
-                              const Ptr<NboAttrLog::Out>& out) const;
-  // Generated: the keys a collection holds now.
-  virtual std::vector<AttrLogKey> keysNow(AttributeId id) const;
+  // Generated: marks every key a collection holds now (keysMarked).
+  virtual void allKeysMarked(AttributeId id);
   // Generated: the constructor parameters after the type name.
   virtual void doSerializeCtorArgs(const Ptr<NboAttrLog::Out>& out) const;
   virtual const char* typeName() const = 0;
@@ -166,15 +186,22 @@ class Entity::CogNboAttrLogSa : public PtrInterface {
     AttributeId saved_;
   };
 
+  // False when a change of `id` is not to be sent: the adapter is a
+  // zombie, the change came in from the log, or output is suspended.
+  // ReadOnlyException naming the attribute for a read-only adapter.
+  bool changeToSend(AttributeId id, const char* name) const;
+  // The marks of collection `id`, or null when it has none.
+  DirtyKeys* dirtyKeysOf(AttributeId id) const;
+  DirtyKeys* dirtyKeysIs(AttributeId id, std::unique_ptr<DirtyKeys> keys);
+
  private:
-  bool sendOrMark(AttributeId id, const AttrLogKey* key);
 
   Ptr<Entity> entity_;
   NboAttrLogSaFlags flags_;
   Ptr<NboAttrLog::Out> out_;
   std::size_t capacity_ = ~std::size_t(0);
   std::set<AttributeId> dirty_;
-  std::map<AttributeId, std::set<AttrLogKey>> dirtyKeys_;
+  std::map<AttributeId, std::unique_ptr<DirtyKeys>> dirtyKeys_;
   FlowOut flowOut_;
   AttributeId applying_ = 0;
   bool zombie_ = false;

@@ -4,6 +4,10 @@
 // an attribute log.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -179,6 +183,119 @@ TEST(Route, ResyncSendsOnlyChangedNextHops) {
   EXPECT_EQ(remote->viaNextHopName(via(6)), "six");
   EXPECT_FALSE(remote->bfdTrackedHas(via(7)));
   EXPECT_EQ(remote->tag(), 99u);
+}
+
+
+// The records a flow out of per-key marks must write: per collection in id
+// order, one record per marked key as the collection holds it now, the keys
+// in the order of their attribute-log form. Built here from the route's
+// state alone, independently of the adapter's bookkeeping.
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes keyForm(const Via& v) {
+  auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+  out << v;
+  return out->bytes();
+}
+
+Bytes expectedBurst(const Route& r, const std::map<Cog::AttributeId, std::vector<Via>>& marked) {
+  auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+  for (const auto& [id, vias] : marked) {
+    std::map<Bytes, Via> ordered;
+    for (const Via& v : vias) ordered.emplace(keyForm(v), v);
+    for (const auto& [form, v] : ordered) {
+      bool present = id == 262   ? r.via().find(v) != nullptr
+                     : id == 263 ? r.viaNextHopName().find(v) != nullptr
+                                 : r.bfdTrackedHas(v);
+      out->putU32(id);
+      out->putU8(static_cast<std::uint8_t>(present ? Cog::AttrLogOp::keySet : Cog::AttrLogOp::keyDel));
+      out->putBytes(form.data(), form.size());
+      if (!present) continue;
+      if (id == 262) out->putU8(*r.via().find(v) ? 1 : 0);
+      if (id == 263) out->putString(r.viaNextHopName(v).str());
+    }
+  }
+  return out->bytes();
+}
+
+// A burst with a key deleted and re-inserted and a key changed twice, then
+// random bursts over all three collections: the flow out writes exactly the
+// records above, and a mirror that applies them ends equal to the route.
+TEST(Route, DirtyMarkedFlowOutBytes) {
+  RouteKey k = key("10.3.0.0/16", 1);
+  auto local = routeFactory(k, RouteType::forward);
+  auto remote = routeFactory(k, RouteType::forward);
+  auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+  auto sa = local->cogNboAttrLogSaIs(0, 0, out);
+  auto mirror = remote->cogNboAttrLogSaIs(0, 0, Cog::allocate<Cog::NboAttrLog::Out>());
+
+  auto burst = [&](const std::map<Cog::AttributeId, std::vector<Via>>& marked) {
+    sa->capacityIs(1 << 20);
+    sa->flowOutIs(true);
+    for (Cog::AttributeId id : {262u, 263u, 266u}) EXPECT_EQ(sa->dirtyKeys(id), 0u);
+    EXPECT_EQ(out->bytes(), expectedBurst(*local, marked));
+    mirror->deserialize(Cog::allocate<Cog::NboAttrLog::In>(out->bytes()));
+    EXPECT_EQ(remote->via().size(), local->via().size());
+    for (const auto& [v, b] : local->via()) EXPECT_EQ(remote->via(v), b);
+    EXPECT_EQ(remote->viaNextHopName().size(), local->viaNextHopName().size());
+    EXPECT_EQ(remote->bfdTracked().size(), local->bfdTracked().size());
+    out->clear();
+    sa->capacityIs(0);
+  };
+
+  sa->capacityIs(0);
+  local->viaIs(via(1), true);
+  local->viaIs(via(2), true);
+  local->viaDel(via(1));
+  local->viaIs(via(1), false);  // deleted, then back with another value
+  local->viaNextHopNameIs(via(3), "a");
+  local->viaNextHopNameIs(via(3), "bb");  // changed twice: one record, the last value
+  local->bfdTrackedIs(via(4));
+  local->bfdTrackedDel(via(5));  // absent: no change, no mark
+  local->viaDel(via(6));
+  EXPECT_EQ(sa->dirtyKeys(262), 2u);
+  EXPECT_EQ(sa->dirtyKeys(263), 1u);
+  EXPECT_EQ(sa->dirtyKeys(266), 1u);
+  burst({{262, {via(1), via(2)}}, {263, {via(3)}}, {266, {via(4)}}});
+
+  std::mt19937 rng(7);
+  for (int round = 0; round < 30; ++round) {
+    std::map<Cog::AttributeId, std::vector<Via>> marked;
+    for (int i = 0; i < 20; ++i) {
+      std::uint32_t r = rng();
+      // Hosts above 255 differ in a later address byte, so forms interleave.
+      Via v = via((r % 12) * 97, (r >> 8) % 3);
+      bool del = (r >> 12) % 3 == 0;
+      switch ((r >> 16) % 3) {
+        case 0: {
+          auto* had = local->via().find(v);
+          bool value = (r >> 20) & 1;
+          bool change = del ? had != nullptr : (had == nullptr || *had != value);
+          if (del) local->viaDel(v);
+          else local->viaIs(v, value);
+          if (change) marked[262].push_back(v);
+          break;
+        }
+        case 1: {
+          auto* had = local->viaNextHopName().find(v);
+          Cog::String name(std::to_string(r % 5));
+          bool change = del ? had != nullptr : (had == nullptr || !(*had == name));
+          if (del) local->viaNextHopNameDel(v);
+          else local->viaNextHopNameIs(v, name);
+          if (change) marked[263].push_back(v);
+          break;
+        }
+        default: {
+          bool had = local->bfdTrackedHas(v);
+          if (del) local->bfdTrackedDel(v);
+          else local->bfdTrackedIs(v);
+          if (del == had) marked[266].push_back(v);
+          break;
+        }
+      }
+    }
+    burst(marked);
+  }
 }
 
 }  // namespace
