@@ -233,6 +233,32 @@ void Entity::CogNboAttrLogSa::keysMarked(AttributeId id, const std::vector<K>& k
 
 namespace Cog::Glue {
 
+// A collection member of an entity that takes one pointer until something is
+// stored in it: most entities leave most of their collections empty. Reads
+// see an empty collection until then; writes go through made(), which makes
+// it. Once made, it stays (emptying keeps the storage, as the collection
+// itself would, so iterators into it stay as valid as the collection's own
+// rules say).
+template <typename C>
+class LazyCollection {
+ public:
+  const C& operator*() const { return c_ ? *c_ : empty(); }
+  const C* operator->() const { return &**this; }
+  C& made() {
+    if (!c_) c_ = std::make_unique<C>();
+    return *c_;
+  }
+  // The collection, or null when nothing was ever stored.
+  C* ifMade() { return c_.get(); }
+
+ private:
+  static const C& empty() {
+    static const C e;
+    return e;
+  }
+  std::unique_ptr<C> c_;
+};
+
 // The entity held by a reflected value, as Ptr<E> (E may be const: a
 // read-only handle converts only to Ptr<const E>). Null stays null.
 template <typename E>
