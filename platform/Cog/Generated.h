@@ -212,21 +212,25 @@ void Entity::CogNboAttrLogSa::keyChanged(AttributeId id, const char* name, const
     write(*this, id, key, out());
     return;
   }
-  if (marks == nullptr) {
-    marks = static_cast<DirtyKeySet<K>*>(dirtyKeysIs(id, std::make_unique<DirtyKeySet<K>>(write)));
-  }
-  marks->insert(key);
+  markedKeys(id, write).insert(key);
 }
 
 template <typename K>
 void Entity::CogNboAttrLogSa::keysMarked(AttributeId id, const std::vector<K>& keys,
                                          KeyWriter<K> write) {
   if (keys.empty()) return;
+  DirtyKeySet<K>& marks = markedKeys(id, write);
+  for (const K& key : keys) marks.insert(key);
+}
+
+template <typename K>
+Entity::CogNboAttrLogSa::DirtyKeySet<K>& Entity::CogNboAttrLogSa::markedKeys(AttributeId id,
+                                                                            KeyWriter<K> write) {
   auto* marks = static_cast<DirtyKeySet<K>*>(dirtyKeysOf(id));
   if (marks == nullptr) {
     marks = static_cast<DirtyKeySet<K>*>(dirtyKeysIs(id, std::make_unique<DirtyKeySet<K>>(write)));
   }
-  for (const K& key : keys) marks->insert(key);
+  return *marks;
 }
 
 }  // namespace Cog

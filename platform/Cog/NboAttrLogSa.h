@@ -193,6 +193,9 @@ class Entity::CogNboAttrLogSa : public PtrInterface {
   // The marks of collection `id`, or null when it has none.
   DirtyKeys* dirtyKeysOf(AttributeId id) const;
   DirtyKeys* dirtyKeysIs(AttributeId id, std::unique_ptr<DirtyKeys> keys);
+  // The marks of collection `id`, made on its first mark.
+  template <typename K>
+  DirtyKeySet<K>& markedKeys(AttributeId id, KeyWriter<K> write);
 
  private:
 

@@ -222,15 +222,9 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
     const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
     group_.clear();
     trustedWords_.clear();
-    std::uint64_t iw = header()->index.load(std::memory_order_acquire);
-    IndexWord ix = IndexWord::decode(iw);
-    if (!validIndex(ix)) {
-      refresh();
-      if (!validIndex(ix)) {
-        *why = "bucket array lies outside the segment";
-        return Step::corrupt;
-      }
-    }
+    std::uint64_t iw;
+    if (!publishedIndex(&iw, why)) return Step::corrupt;
+    const IndexWord ix = IndexWord::decode(iw);
     const std::uint32_t total = ix.totalBuckets();
     const std::uint32_t first = started ? homeOf(after, ix.homeBuckets()) : 0;
     std::uint32_t pos = first;

@@ -134,6 +134,17 @@ class View {
     return ix.homeBlocks >= 1 && ix.homeBlocks <= kMaxHomeBlocks && ix.offset >= heapStart_ &&
            ix.offset <= mapped_ && ix.bytes() <= mapped_ - ix.offset;
   }
+  // The published bucket array's word in `iw`; false, with `why` set, when
+  // the array lies outside the segment even after mapping what the writer
+  // has grown.
+  bool publishedIndex(std::uint64_t* iw, std::string* why) {
+    *iw = header()->index.load(std::memory_order_acquire);
+    if (validIndex(IndexWord::decode(*iw))) return true;
+    refresh();
+    if (validIndex(IndexWord::decode(*iw))) return true;
+    *why = "bucket array lies outside the segment";
+    return false;
+  }
   void remap(std::uint64_t bytes);
   bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
 
@@ -329,15 +340,9 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
     // from a writer stuck mid-move than none. The answer is checked all the
     // same, for a writer that was only slow, or a new one, may go on.
     const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
-    std::uint64_t iw = header()->index.load(std::memory_order_acquire);
-    IndexWord ix = IndexWord::decode(iw);
-    if (!validIndex(ix)) {
-      refresh();
-      if (!validIndex(ix)) {
-        *why = "bucket array lies outside the segment";
-        return Found::corrupt;
-      }
-    }
+    std::uint64_t iw;
+    if (!publishedIndex(&iw, why)) return Found::corrupt;
+    const IndexWord ix = IndexWord::decode(iw);
     const std::uint32_t home = homeOf(hash, ix.homeBuckets());
     const std::uint32_t limit = std::min(ix.totalBuckets(), home + kMaxDisplacement + 1);
     constexpr unsigned kMaxBlocks = kMaxDisplacement / kBucketsPerBlock + 3;
