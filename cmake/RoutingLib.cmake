@@ -26,7 +26,11 @@ function(rl_test name)
   rl_warnings(${name})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest_main GTest::gmock)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${ARG_PROPERTIES})
+  if(ROUTINGLIB_EMULATOR)
+    # Programs a test starts itself go through the same emulator.
+    list(APPEND ARG_PROPERTIES ENVIRONMENT ROUTINGLIB_TEST_EMULATOR=${ROUTINGLIB_EMULATOR})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 PROPERTIES ${ARG_PROPERTIES})
 endfunction()
 
 # rl_bench(Name SOURCES ... [DEPS ...])

@@ -7,6 +7,7 @@ if(ROUTINGLIB_M32)
   add_compile_options(-m32 -msse2 -mfpmath=sse)
   add_link_options(-m32)
   set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+  include(${CMAKE_CURRENT_LIST_DIR}/I386Emulator.cmake)
 endif()
 
 if(ROUTINGLIB_SANITIZE)

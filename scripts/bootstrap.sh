@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian machine lacks to build and test RoutingLib.
-# Quiet and quick when everything is already there.
+# Quiet and quick when everything is already there. qemu-user runs the 32-bit
+# build's programs where the kernel cannot, and checks the emulated path
+# where it can.
 set -euo pipefail
 
 packages=(cmake ninja-build g++ g++-multilib libboost1.81-dev libgtest-dev googletest
-          libgmock-dev libbenchmark-dev python3 python3-jinja2 binutils)
+          libgmock-dev libbenchmark-dev python3 python3-jinja2 binutils
+          qemu-user)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <string>
 
+#include "support/Emulation.h"
+
 namespace testsupport {
 
 struct ToolRun {
@@ -17,7 +19,8 @@ struct ToolRun {
 
 // `args` go through the shell: quote them as a shell needs.
 inline ToolRun runRoutinglib(const std::string& args) {
-  const std::string command = std::string("'") + ROUTINGLIB_TOOL + "' " + args + " 2>&1";
+  const std::string command =
+      programPrefix() + "'" + ROUTINGLIB_TOOL + "' " + args + " 2>&1";
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return {-1, "popen failed"};
   std::string output;

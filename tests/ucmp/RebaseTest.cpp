@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "Cog/Trace.h"
+#include "support/Emulation.h"
 #include "ucmp/RebaseCore.h"
 
 namespace {
@@ -174,7 +175,7 @@ TEST(UcmpRebaseTrace, LevelTwoLinesAreTheSameOnBothLoops) {
 using UcmpRebaseDeathTest = ::testing::Test;
 
 TEST_F(UcmpRebaseDeathTest, BrokenPreconditionsAbortWithTheirText) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, testsupport::reexecutingDeathTestStyle());
   const std::string deviation =
       "UcmpWeightRebase:[0-9]+: .*Assertion `weightDeviation >= 0\\.0 && "
       "weightDeviation <= 1\\.0' failed";
