@@ -73,6 +73,33 @@ TEST(Routing6, HardwareDefaultsAndChainLengthBound) {
   EXPECT_EQ(Routing6::Hardware::urpfHwStatusFactory("urpf")->status(), Urpf::UrpfState::disable);
 }
 
+// A peer numbers the capability record's attributes in this order; the
+// attribute-log ids are an external interface.
+TEST(Routing6, StatusAttributesKeepTheirIds) {
+  const char* const order[] = {
+      "routingSupported", "vrfRoutingSupported", "multicastRoutingSupported",
+      "pimBidirectionalSupported", "ecmpSupported", "fecTblSize", "maxEcmp", "maxResilientEcmp",
+      "resilientEcmpSupported", "urpfSupported", "urpfExceptionSupported",
+      "v6RemSupportedPrefixCount", "v6RemSupportedPrefixLength", "optimizeProfileSettingList",
+      "ucmpSupported", "maxUcmp", "maxHierarchicalFecChainLength",
+      "staticInterfaceTunnelSupport", "fibSuppressionSupported"};
+  const Cog::CogType* status = Routing6::Hardware::Status::cogType();
+  unsigned id = 258;
+  for (const char* name : order) {
+    const Cog::MemberInfo* m = status->member(name);
+    ASSERT_NE(m, nullptr) << name;
+    EXPECT_EQ(m->index, id++) << name;
+  }
+
+  auto s = Routing6::Hardware::statusFactory("status");
+  EXPECT_FALSE(s->ucmpSupported());
+  EXPECT_EQ(s->maxUcmp(), 0u);
+  s->ucmpSupportedIs(true);
+  s->maxUcmpIs(65535);
+  EXPECT_TRUE(s->ucmpSupported());
+  EXPECT_EQ(s->maxUcmp(), 65535u);
+}
+
 TEST(Routing6, RunnabilityVrfNamesObeyTheLimit) {
   auto r = Routing6::Runnability::configFactory("runnability");
   r->vrfIs(L3::VrfName("red"));
