@@ -5,7 +5,7 @@
 //   - set(i, v) grows the array to cover position i, filling new positions
 //     with T(); get(i) reads T() beyond the end, so a reader never needs to
 //     check size() first.
-//   - erase(i) of the last position shrinks the array by one; of an inner
+//   - erase(i) (or erase(iterator)) of the last position shrinks the array by one; of an inner
 //     position it resets that position to T() and keeps the size, so that
 //     the positions after it keep their indexes. Erasing beyond the end does
 //     nothing.
@@ -70,6 +70,14 @@ class DynArray {
     } else {
       values_[static_cast<std::size_t>(index)] = T();
     }
+  }
+  // erase(i) for the position of `pos`; returns the iterator to the next
+  // position, which is end() when the last one went.
+  const_iterator erase(const_iterator pos) {
+    const auto index = static_cast<std::size_t>(pos - values_.cbegin());
+    erase(index);
+    return index + 1 < values_.size() ? values_.cbegin() + static_cast<std::ptrdiff_t>(index + 1)
+                                      : values_.cend();
   }
   void eraseAll() { values_.clear(); }
 

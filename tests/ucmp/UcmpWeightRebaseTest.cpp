@@ -2,6 +2,7 @@
 // helpers as scripts reach them, by reflection.
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -34,6 +35,37 @@ TEST(UcmpWeightRebase, ResultCarriesTheCoreOutcome) {
             Cog::String("rebaseUnconverged"));
   EXPECT_EQ(Cog::String(stringValue(UcmpRebaseStatus::rebaseTruncated)),
             Cog::String("rebaseTruncated"));
+}
+
+// Removal through an iterator behaves as removal by index: an inner
+// position reads 0 and keeps the positions after it, the last one shrinks
+// the array.
+TEST(UcmpWeightRebase, ResultWeightsRemovedThroughAnIterator) {
+  UcmpRebaseResult r;
+  for (uint32_t i = 0; i < 4; ++i) r.outWeightIs(i, 10 + i);
+  auto next = r.outWeightDel(r.outWeight().begin() + 1);
+  EXPECT_EQ(next - r.outWeight().begin(), 2);
+  EXPECT_EQ(weightsOf(r), (std::vector<uint32_t>{10, 0, 12, 13}));
+  next = r.outWeightDel(r.outWeight().begin() + 3);
+  EXPECT_EQ(next, r.outWeight().end());
+  EXPECT_EQ(weightsOf(r), (std::vector<uint32_t>{10, 0, 12}));
+  // Walking with the returned iterator visits every position once.
+  for (auto it = r.outWeight().begin(); it != r.outWeight().end();) it = r.outWeightDel(it);
+  EXPECT_EQ(weightsOf(r), (std::vector<uint32_t>{0, 0}));
+}
+
+// The test inputs name the entry of their weight map.
+TEST(UcmpWeightRebase, TestInputsNameTheirEntryTypes) {
+  static_assert(std::is_same_v<RoutingLib::UcmpRebaseTestInput::CogInWeight,
+                               std::pair<const uint64_t, uint32_t>>);
+  static_assert(std::is_same_v<RoutingLib::UcmpFloatRebaseTestInput::CogInWeight,
+                               std::pair<const uint64_t, float>>);
+  RoutingLib::UcmpFloatRebaseTestInput in;
+  in.inWeightIs(3, 0.5f);
+  for (const RoutingLib::UcmpFloatRebaseTestInput::CogInWeight& entry : in.inWeight()) {
+    EXPECT_EQ(entry.first, 3u);
+    EXPECT_EQ(entry.second, 0.5f);
+  }
 }
 
 // The float and unsigned overloads widen and add nothing.
