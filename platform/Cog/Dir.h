@@ -1,8 +1,9 @@
 // Cog::Dir: a directory of named entities, the framework's way of publishing
 // entities under names (per-VRF configuration directories, status trees).
 //
-//   - entity(name) looks an entity up (null when absent); iteration runs in
-//     name order over (name, Ptr<Entity>) pairs.
+//   - entity(name) looks an entity up (null when absent); entry(name) gives
+//     the whole entry (entity and the type it was made under), null when
+//     absent; iteration runs in name order over (name, Entry) pairs.
 //   - entityIs(name, e) stores `e` under `name` (a null `e` removes it);
 //     entityDel(name) removes it. Every change of the pointer under a name
 //     (added, replaced, removed) calls onEntityPtr(name) on the directory's
@@ -58,6 +59,8 @@ class Dir : public Entity {
   explicit Dir(const Name& name) : Entity(name) {}
 
   Ptr<Entity> entity(const Name& name) const;
+  // The entry under `name`, or null. Valid until the directory next changes.
+  const Entry* entry(const Name& name) const { return entries_.find(name); }
   void entityIs(const Name& name, const Ptr<Entity>& entity);
   // Removes the entity under `name`; returns whether there was one.
   bool entityDel(const Name& name);

@@ -305,6 +305,40 @@ class Compiler(unittest.TestCase):
             "Bad.cog:9: error: keyedBy applies to entity maps of value types, not to e",
         ])
 
+    def emitted(self, text, name="Good.cog"):
+        path = self.write(name, text)
+        out = os.path.join(self.dir.name, "out")
+        r = self.run_cogc(path, "-o", out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        unit = os.path.splitext(name)[0]
+        with open(os.path.join(out, unit + ".h")) as h, open(os.path.join(out, unit + ".cpp")) as c:
+            return h.read(), c.read()
+
+    def test_collection_deletion_and_entry_types(self):
+        h, c = self.emitted("""\
+            namespace A {
+              value V { n: u32; }
+              entity T(name: Name) {
+                byId: map<u32, V>;
+                sorted: ordered<u32, u16>;
+                tags: set<V>;
+                list: array<u8>;
+              }
+            }
+            """)
+        # A value map's deletion hands back what it removed.
+        self.assertIn("  A::V byIdDel(std::uint32_t key);\n", h)
+        self.assertIn("  std::uint16_t sortedDel(std::uint32_t key);\n", h)
+        self.assertIn("  void tagsDel(const A::V& key);\n", h)
+        self.assertIn("  void listDel(std::uint64_t key);\n", h)
+        self.assertIn("if (present == nullptr) return A::V();", c)
+        # Every collection names its entry type after itself.
+        self.assertIn("  using CogTags = Cog::HashSet2018<A::V>::value_type;\n", h)
+        self.assertIn("  using CogById = Cog::HashMap2018<std::uint32_t, A::V>::value_type;\n", h)
+        # Deleting all goes key by key through the single deletion.
+        self.assertIn("Cog::Glue::keysOf<std::uint32_t>(*byId_)) byIdDel(key);", c)
+        self.assertIn("Cog::Glue::keysOf<A::V>(*tags_)) tagsDel(key);", c)
+
     def test_missing_import(self):
         errs = self.errors("import Nowhere;\nnamespace A { value V { x: u8; } }\n")
         self.assertEqual(errs, ["Bad.cog:1: error: cannot find schema unit Nowhere "

@@ -92,6 +92,14 @@ TEST(Dir, FactoriesByTypeNameAndNameInUse) {
   EXPECT_EQ(dir->entity(Cog::Name("green")), nullptr);
   EXPECT_EQ(w->seen, (std::vector<std::string>{"red+", "blue+"}));
   EXPECT_TRUE(Cog::Dir::hasFactory("Test::VrfStatus"));
+  // An entry tells how its entity came there.
+  const Cog::Dir::Entry* made = dir->entry(Cog::Name("red"));
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(made->entity, a);
+  EXPECT_EQ(made->typeName, Cog::String("Test::VrfConfig"));
+  ASSERT_NE(dir->entry(Cog::Name("blue")), nullptr);
+  EXPECT_TRUE(dir->entry(Cog::Name("blue"))->typeName.empty());
+  EXPECT_EQ(dir->entry(Cog::Name("green")), nullptr);
 }
 
 TEST(Dir, ObserverMayDropTheDirectory) {
