@@ -38,7 +38,15 @@ std::string segmentName(std::string_view tableName) {
   return "/memtab." + std::string(tableName);
 }
 
-bool unlinkTable(std::string_view name) { return shm_unlink(segmentName(name).c_str()) == 0; }
+std::string lobbyName(std::string_view tableName) {
+  validateTableName(tableName);
+  return "/memtab-lobby." + std::string(tableName);
+}
+
+bool unlinkTable(std::string_view name) {
+  shm_unlink(lobbyName(name).c_str());
+  return shm_unlink(segmentName(name).c_str()) == 0;
+}
 
 }  // namespace Memtab
 
@@ -59,6 +67,12 @@ std::atomic<std::uint64_t>& word(std::uint8_t* base, std::uint64_t offset) {
 std::uint64_t alignUp(std::uint64_t v, std::uint64_t a) { return (v + a - 1) & ~(a - 1); }
 
 std::string errnoText() { return std::strerror(errno); }
+
+// Raises the failure of a system call on table `name`: "memtab table
+// <name>: <what>: <strerror>", carrying errno.
+[[noreturn]] void systemFailure(const std::string& name, const std::string& what, int error = errno) {
+  throw SystemException("memtab table " + name + ": " + what + ": " + std::strerror(error), error);
+}
 
 // Whether this process can map and size a segment of `bytes` (a 32-bit
 // process cannot map a table a 64-bit writer has grown past 2 GiB).
@@ -87,6 +101,24 @@ View::~View() {
 
 std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, uid_t writerUid,
                                  std::string* why) {
+  return openAs(name, &typeTag, writerUid, why);
+}
+
+std::unique_ptr<View> View::inspect(std::string_view name, std::string* why) {
+  auto v = openAs(name, nullptr, static_cast<uid_t>(-1), why);
+  if (!v && why->empty()) {
+    // Tell a table still being made, or a file that never became one, from
+    // no table at all.
+    struct stat st;
+    if (stat(("/dev/shm" + segmentName(name)).c_str(), &st) == 0) {
+      *why = "segment has no valid header (" + std::to_string(st.st_size) + " bytes)";
+    }
+  }
+  return v;
+}
+
+std::unique_ptr<View> View::openAs(std::string_view name, const std::uint32_t* typeTag,
+                                   uid_t writerUid, std::string* why) {
   std::string path = segmentName(name);
   int fd = shm_open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
@@ -99,7 +131,7 @@ std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, u
     close(fd);
     return nullptr;
   }
-  if (st.st_uid != geteuid() && st.st_uid != 0 && st.st_uid != writerUid) {
+  if (typeTag != nullptr && st.st_uid != geteuid() && st.st_uid != 0 && st.st_uid != writerUid) {
     *why = path + " belongs to uid " + std::to_string(st.st_uid) + ", which this reader does not trust";
     close(fd);
     return nullptr;
@@ -130,14 +162,14 @@ std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, u
   return v;
 }
 
-bool View::checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why) {
+bool View::checkHeader(const std::uint32_t* typeTag, std::uint64_t fileBytes, std::string* why) {
   const Header* h = header();
   if (h->layoutVersion != kLayoutVersion || h->headerBytes != kHeaderBytes) {
     *why = "segment has layout version " + std::to_string(h->layoutVersion) + ", expected " +
            std::to_string(kLayoutVersion);
     return false;
   }
-  if (h->typeTag != typeTag) {
+  if (typeTag != nullptr && h->typeTag != *typeTag) {
     *why = "segment holds another value type";
     return false;
   }
@@ -173,6 +205,14 @@ void View::remap(std::uint64_t bytes) {
 std::uint64_t View::count() const { return header()->count.load(std::memory_order_relaxed); }
 std::uint32_t View::writerEpoch() const {
   return header()->writerEpoch.load(std::memory_order_acquire);
+}
+std::uint32_t View::writerPid() const {
+  return header()->writerPid.load(std::memory_order_relaxed);
+}
+std::uint32_t View::readers() const { return header()->readers.load(std::memory_order_relaxed); }
+std::string View::typeName() const {
+  const char* n = header()->typeName;
+  return std::string(n, strnlen(n, kTypeNameBytes));
 }
 std::uint64_t View::ringHead() const {
   return header()->ringHead.load(std::memory_order_acquire);
@@ -301,7 +341,7 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
         break;
       }
       if (c == Copy::bad) return Step::corrupt;
-      group_.push_back({off, len});
+      group_.push_back({off, len, copiedVersion_});
     }
     if (!retry) {
       retry = !unchanged(iw, blocks, seqs, nb, first, acceptOdd ? trustedWords_.data() : nullptr,
@@ -336,7 +376,9 @@ bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, s
                          e.imageBytes <= e.entryBytes - kRingEntryHeader;
     if (shapeOk && e.kind != static_cast<std::uint16_t>(RingKind::padding)) {
       scratch_.resize(e.imageBytes);
-      std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+      if (e.imageBytes != 0) {
+        std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+      }
     }
     std::atomic_thread_fence(std::memory_order_acquire);
     if (h->ringReserve.load(std::memory_order_relaxed) - position > ringBytes_) return behind();
@@ -353,7 +395,8 @@ bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, s
       return behind();
     }
     std::string detail;
-    if (!visit(context, kind, scratch_, e.imageBytes, &detail)) {
+    if (!visit(context, kind, scratch_, e.imageBytes, e.version(), (e.flags & kRingErased) != 0,
+               &detail)) {
       *why = "change ring entry at " + std::to_string(position - e.entryBytes) + ": " + detail;
       return behind();
     }
@@ -439,8 +482,7 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     }
     if (fd < 0) {
       if (errno == ENOENT) continue;  // removed under our feet
-      throw Cog::RangeException("memtab table " + config.name + ": cannot open " + path + ": " +
-                                errnoText());
+      systemFailure(config.name, "cannot open " + path);
     }
     auto closeFd = [&] { close(fd); };
     struct flock fl {};
@@ -464,10 +506,10 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     // shm_open applies the umask; the table's mode is the caller's choice.
     if (fchmod(fd, config.mode) != 0 ||
         (config.group != static_cast<gid_t>(-1) && fchown(fd, static_cast<uid_t>(-1), config.group) != 0)) {
-      std::string err = errnoText();
+      const int err = errno;
       closeFd();
       if (created) shm_unlink(path.c_str());
-      throw Cog::RangeException("memtab table " + config.name + ": cannot set owner or mode: " + err);
+      systemFailure(config.name, "cannot set owner or mode", err);
     }
     std::unique_ptr<Store> s(new Store());
     s->name_ = config.name;
@@ -482,15 +524,16 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     if (size >= kHeaderBytes) {
       void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
       if (mem == MAP_FAILED) {
-        throw Cog::RangeException("memtab table " + config.name + ": cannot map: " + errnoText());
+        systemFailure(config.name, "cannot map");
       }
       s->base_ = static_cast<std::uint8_t*>(mem);
       s->mapped_ = size;
       std::string why;
       if (s->header()->magic.load(std::memory_order_acquire) == kMagic &&
-          s->checkHeader(config.typeTag, size, &why)) {
+          s->checkHeader(&config.typeTag, size, &why)) {
         s->reservedEnd_ = size;
         s->repair(codec, report);
+        s->recordTypeName(config.typeName);
         return s;
       }
       if (s->header()->magic.load(std::memory_order_acquire) == kMagic &&
@@ -528,15 +571,14 @@ void Store::initialise(const StoreConfig& config) {
   const std::uint64_t size = alignUp(heapStart_ + indexBytes + (64u << 10), 4096);
   if (shared_) {
     if (ftruncate(fd_, static_cast<off_t>(size)) != 0) {
-      throw Cog::RangeException("memtab table " + name_ + ": cannot size segment: " + errnoText());
+      systemFailure(name_, "cannot size segment");
     }
     if (int err = posix_fallocate(fd_, 0, static_cast<off_t>(size)); err != 0) {
-      throw Cog::RangeException("memtab table " + name_ + ": no memory for segment: " +
-                                std::strerror(err));
+      systemFailure(name_, "no memory for segment", err);
     }
     void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
     if (mem == MAP_FAILED) {
-      throw Cog::RangeException("memtab table " + name_ + ": cannot map: " + errnoText());
+      systemFailure(name_, "cannot map");
     }
     base_ = static_cast<std::uint8_t*>(mem);
   } else {
@@ -549,6 +591,7 @@ void Store::initialise(const StoreConfig& config) {
   header()->layoutVersion = kLayoutVersion;
   header()->headerBytes = kHeaderBytes;
   header()->typeTag = config.typeTag;
+  recordTypeName(config.typeName);
   header()->fileBytes.store(size, std::memory_order_relaxed);
   header()->index.store(IndexWord{heapStart_, homeBlocks, 0}.encode(), std::memory_order_relaxed);
   header()->count.store(0, std::memory_order_relaxed);
@@ -664,6 +707,9 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
   std::uint64_t top = std::min<std::uint64_t>(header()->heapTop.load(std::memory_order_relaxed), mapped_);
   top = std::max(top, heapStart_);
   for (auto& [off, bytes] : live) top = std::max(top, off + bytes);
+  // Everything is allocated in 8-byte units from here: a damaged top that
+  // is not would misalign every record placed after it.
+  top = std::min(alignUp(top, 8), mapped_ & ~std::uint64_t{7});
   header()->heapTop.store(top, std::memory_order_relaxed);
   reservedEnd_ = top;
   header()->version.store((maxVersion + 2) & ~std::uint64_t{1} & kVersionMask, std::memory_order_relaxed);
@@ -732,11 +778,11 @@ void Store::growFile(std::uint64_t atLeast) {
                               std::to_string(mapped_) + " bytes in this process");
   }
   if (shared_ && ftruncate(fd_, static_cast<off_t>(size)) != 0) {
-    throw Cog::RangeException("memtab table " + name_ + ": cannot grow segment: " + errnoText());
+    systemFailure(name_, "cannot grow segment");
   }
   void* mem = mremap(base_, mapped_, size, MREMAP_MAYMOVE);
   if (mem == MAP_FAILED) {
-    throw Cog::RangeException("memtab table " + name_ + ": cannot grow mapping: " + errnoText());
+    systemFailure(name_, "cannot grow mapping");
   }
   base_ = static_cast<std::uint8_t*>(mem);
   mapped_ = size;
@@ -792,8 +838,7 @@ std::uint64_t Store::allocate(std::uint64_t bytes, std::uint64_t align) {
     if (int err = posix_fallocate(fd_, static_cast<off_t>(reservedEnd_),
                                   static_cast<off_t>(upTo - reservedEnd_));
         err != 0) {
-      throw Cog::RangeException("memtab table " + name_ + ": no memory for segment: " +
-                                std::strerror(err));
+      systemFailure(name_, "no memory for segment", err);
     }
     reservedEnd_ = upTo;
   }
@@ -816,6 +861,7 @@ std::uint64_t Store::writeRecord(const std::uint8_t* image, std::uint32_t length
   std::memset(base_ + off + kRecordHeader + length, 0, bytes - kRecordHeader - length);
   rw.store(recordWord(v, length), std::memory_order_release);
   liveRecordBytes_ += bytes;
+  changedVersion_ = v;
   return off;
 }
 
@@ -909,6 +955,7 @@ bool Store::erase(std::uint32_t hash, Matcher match, void* context, std::vector<
     endMove(ix, pos, end - 1);
   }
   const std::uint64_t oldOff = bucketRecord(w);
+  changedVersion_ = recordVersion(word(base_, oldOff).load(std::memory_order_relaxed));
   release(oldOff, recordBytes(*oldLength));
   liveRecordBytes_ -= recordBytes(*oldLength);
   header()->count.store(header()->count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
@@ -973,7 +1020,8 @@ bool Store::rebuildIndex(std::uint32_t homeBlocks) {
   return true;
 }
 
-void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t length) {
+void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t length,
+                    std::uint64_t version, bool erased) {
   if (ringBytes_ == 0) return;
   std::uint64_t entry = kRingEntryHeader + alignUp(length, 16);
   if (entry > ringBytes_ / 4) {
@@ -989,15 +1037,26 @@ void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t leng
   header()->ringReserve.store(head + pad + entry, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   if (pad != 0) {
-    RingEntry p{static_cast<std::uint32_t>(pad), static_cast<std::uint16_t>(RingKind::padding), 0, 0,
+    RingEntry p{static_cast<std::uint32_t>(pad), static_cast<std::uint16_t>(RingKind::padding), 0, 0, 0,
                 0};
     std::memcpy(base_ + ringOffset_ + at, &p, sizeof p);
     at = 0;
   }
-  RingEntry e{static_cast<std::uint32_t>(entry), static_cast<std::uint16_t>(kind), 0, length, 0};
+  RingEntry e{static_cast<std::uint32_t>(entry), static_cast<std::uint16_t>(kind),
+              erased ? kRingErased : std::uint8_t{0}, static_cast<std::uint8_t>(version >> 32), length,
+              static_cast<std::uint32_t>(version)};
   std::memcpy(base_ + ringOffset_ + at, &e, sizeof e);
   if (length != 0) std::memcpy(base_ + ringOffset_ + at + kRingEntryHeader, image, length);
   header()->ringHead.store(head + pad + entry, std::memory_order_release);
+}
+
+void Store::readersAre(std::uint32_t n) { header()->readers.store(n, std::memory_order_relaxed); }
+
+void Store::recordTypeName(const std::string& typeName) {
+  char* out = header()->typeName;
+  const std::size_t n = std::min(typeName.size(), kTypeNameBytes - 1);
+  std::memcpy(out, typeName.data(), n);
+  std::memset(out + n, 0, kTypeNameBytes - n);
 }
 
 void Store::touch() {

@@ -20,9 +20,24 @@
 #include <string_view>
 #include <vector>
 
+#include "Cog/Exception.h"
 #include "Memtab/Layout.h"
 
 namespace Memtab {
+
+// A system call on a table's segment or links failed (shm_open, mmap,
+// ftruncate, ...): the message says what for, error() is the errno.
+class SystemException : public Cog::Exception {
+ public:
+  SystemException(const std::string& message, int error) : Cog::Exception(message), error_(error) {}
+  int error() const { return error_; }
+  void rethrowWithMessage(const std::string& message) const override {
+    throw SystemException(message, error_);
+  }
+
+ private:
+  int error_;
+};
 
 // Throws Cog::RangeException unless `name` is 1 to kMaxTableNameLength bytes
 // of letters, digits, '.', '_' and '-', not starting with '.' and without "..".
@@ -30,7 +45,10 @@ inline constexpr std::size_t kMaxTableNameLength = 100;
 void validateTableName(std::string_view name);
 // The POSIX shared-memory name of a table: "/memtab.<name>".
 std::string segmentName(std::string_view tableName);
-// Removes table `name` from /dev/shm. Processes that have it mapped keep their
+// The name of the table's lobby, where readers knock (Notify.h):
+// "/memtab-lobby.<name>".
+std::string lobbyName(std::string_view tableName);
+// Removes table `name` (and its lobby) from /dev/shm. Processes that have it mapped keep their
 // mapping until they let go; readers see the table as unmounted. Returns
 // false when there was no such table.
 bool unlinkTable(std::string_view name);
@@ -75,6 +93,9 @@ class View {
   // process's, root or `writerUid`).
   static std::unique_ptr<View> open(std::string_view name, std::uint32_t typeTag,
                                     uid_t writerUid, std::string* why);
+  // Opens table `name` read-only whatever its value type, for tools. Null
+  // when there is no such table (`why` empty) or it is unusable (`why` set).
+  static std::unique_ptr<View> inspect(std::string_view name, std::string* why);
   virtual ~View();
   View(const View&) = delete;
   View& operator=(const View&) = delete;
@@ -94,6 +115,7 @@ class View {
   struct Image {
     std::uint64_t offset;
     std::uint32_t length;
+    std::uint64_t version;  // of the record: differs for every write of a key
   };
   const std::vector<Image>& groupImages() const { return group_; }
   // The bytes of group image i; the caller may grow the vector.
@@ -102,15 +124,24 @@ class View {
   // Change ring. readRing() calls `visit` for each entry published after
   // `position` and advances it; returns false (and moves `position` to the
   // head) when the writer has overwritten entries the reader had not read,
-  // or when the ring is corrupt (then `why` is set).
+  // or when the ring is corrupt (then `why` is set). For a key's entry,
+  // `version` is the version of the record written or, when `erased`, of
+  // the record removed.
   using RingVisitor = bool (*)(void* context, RingKind kind, std::vector<std::uint8_t>& image,
-                               std::uint32_t length, std::string* why);
+                               std::uint32_t length, std::uint64_t version, bool erased,
+                               std::string* why);
   bool readRing(std::uint64_t& position, RingVisitor visit, void* context, std::string* why);
   std::uint64_t ringHead() const;
   bool hasRing() const { return ringBytes_ != 0; }
 
   std::uint64_t count() const;
   std::uint32_t writerEpoch() const;
+  std::uint32_t writerPid() const;
+  std::uint32_t typeTag() const { return header()->typeTag; }
+  // Readers linked to the writer, as it last counted them.
+  std::uint32_t readers() const;
+  // The value type's name as the writer recorded it.
+  std::string typeName() const;
   // True while some process holds the table's writer lock.
   bool writerAlive() const;
   // The segment's file has been unlinked from /dev/shm.
@@ -121,6 +152,8 @@ class View {
 
   // Test and tool aid: how many times lookups had to read again.
   std::uint64_t retries() const { return retries_; }
+  // The version of the record the last successful find() matched.
+  std::uint64_t foundVersion() const { return copiedVersion_; }
 
  protected:
   View() = default;
@@ -146,11 +179,15 @@ class View {
     return false;
   }
   void remap(std::uint64_t bytes);
-  bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
+  // Checks the header; the value type too unless `typeTag` is null.
+  bool checkHeader(const std::uint32_t* typeTag, std::uint64_t fileBytes, std::string* why);
+  static std::unique_ptr<View> openAs(std::string_view name, const std::uint32_t* typeTag,
+                                      uid_t writerUid, std::string* why);
 
   enum class Copy { ok, unstable, bad };
   // With `acceptOdd` a record whose version is odd is taken as it is, as
   // long as it and the bucket pointing at it stay put while it is copied.
+  // On Copy::ok, copiedVersion_ is the record's version.
   Copy copyRecord(std::uint64_t bucketAt, std::uint64_t word, std::vector<std::uint8_t>& into,
                   std::uint32_t* length, bool acceptOdd);
   // copyRecord() for the entry in bucket `pos` of array `iw`, holding `w`:
@@ -182,11 +219,13 @@ class View {
   std::vector<std::vector<std::uint8_t>> groupScratch_;
   std::vector<std::uint64_t> trustedWords_;  // bucket words of a pass that accepts odd ones
   std::uint64_t retries_ = 0;
+  std::uint64_t copiedVersion_ = 0;
 };
 
 struct StoreConfig {
   std::string name;  // empty for a process-private table
   std::uint32_t typeTag = 0;
+  std::string typeName;  // recorded in the segment for tools
   std::uint64_t ringBytes = 1u << 20;
   std::uint64_t initialCapacity = 0;  // entries
   mode_t mode = 0600;
@@ -216,8 +255,14 @@ class Store : public View {
   void clear();
   // Makes room for `entries` without further growth of the bucket array.
   void reserve(std::uint64_t entries);
-  // Appends a change to the ring (no-op without ring).
-  void publish(RingKind kind, const std::uint8_t* image, std::uint32_t length);
+  // Appends a change to the ring (no-op without ring). `version` is that of
+  // the record written or, with `erased`, removed (changedVersion()).
+  void publish(RingKind kind, const std::uint8_t* image, std::uint32_t length,
+               std::uint64_t version = 0, bool erased = false);
+  // The version of the record the last upsert() wrote or erase() removed.
+  std::uint64_t changedVersion() const { return changedVersion_; }
+  // Records how many readers are linked, for tools.
+  void readersAre(std::uint32_t n);
 
   // Tells readers waiting on /dev/shm that the writer is ready.
   void touch();
@@ -230,6 +275,7 @@ class Store : public View {
  private:
   Store() = default;
   void initialise(const StoreConfig& config);
+  void recordTypeName(const std::string& typeName);
   void repair(const Codec& codec, const CorruptionReport& report);
   void growFile(std::uint64_t atLeast);
   std::uint64_t allocate(std::uint64_t bytes, std::uint64_t align = 8);
@@ -257,6 +303,7 @@ class Store : public View {
   bool shared_ = false;
   std::uint64_t liveRecordBytes_ = 0;
   std::uint64_t resizes_ = 0;
+  std::uint64_t changedVersion_ = 0;
   std::uint64_t reservedEnd_ = 0;  // memory committed to the file up to here
   // Free space, kept by the writer only and rebuilt on attach: small runs by
   // size (in 8-byte units), larger ones by size, and one run being carved.
@@ -286,11 +333,12 @@ inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std:
   std::uint32_t len = recordLength(w0);
   if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
   into.resize(len);
-  std::memcpy(into.data(), base_ + off + kRecordHeader, len);
+  if (len != 0) std::memcpy(into.data(), base_ + off + kRecordHeader, len);
   std::atomic_thread_fence(std::memory_order_acquire);
   if (rw.load(std::memory_order_relaxed) != w0) return Copy::unstable;
   if (!stillThere()) return Copy::unstable;
   *length = len;
+  copiedVersion_ = recordVersion(w0);
   return Copy::ok;
 }
 
