@@ -254,12 +254,7 @@ std::vector<std::uint8_t>& View::groupImage(std::size_t i) {
 
 View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* groupHash,
                            std::string* why) {
-  refresh();
-  bool deadWriter = false;
-  for (unsigned attempt = 0;; ++attempt) {
-    // As in find(): odd words are taken as they are once the writer is dead
-    // or stuck, and the pass still counts only if nothing moved under it.
-    const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
+  return readConsistently([&](const bool acceptOdd) -> std::optional<Step> {
     group_.clear();
     trustedWords_.clear();
     std::uint64_t iw;
@@ -347,14 +342,11 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
       retry = !unchanged(iw, blocks, seqs, nb, first, acceptOdd ? trustedWords_.data() : nullptr,
                          trustedWords_.size());
     }
-    if (!retry) {
-      if (!found) return Step::end;
-      *groupHash = groupH;
-      return Step::group;
-    }
-    backOff(attempt, &deadWriter);
-    refresh();
-  }
+    if (retry) return std::nullopt;
+    if (!found) return Step::end;
+    *groupHash = groupH;
+    return Step::group;
+  });
 }
 
 bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, std::string* why) {
@@ -607,17 +599,29 @@ void Store::initialise(const StoreConfig& config) {
   header()->magic.store(kMagic, std::memory_order_release);
 }
 
+// Re-attaching after another writer, which may have died at any step (see
+// Segment.h), in phases: read every entry the bucket array leads to and
+// keep those that check out; drop second entries of a key and records that
+// overlap; rebuild the heap's bookkeeping around what is kept; publish a
+// fresh bucket array; take the table over.
 void Store::repair(const Codec& codec, const CorruptionReport& report) {
   smallFree_.assign(kSmallFreeUnits, {});
   header()->fileBytes.store(mapped_, std::memory_order_release);
   const IndexWord old = IndexWord::decode(header()->index.load(std::memory_order_acquire));
-  struct Entry {
-    std::uint32_t hash;
-    std::uint64_t record;
-    std::uint32_t length;
-  };
-  std::vector<Entry> entries;
   std::uint64_t maxVersion = header()->version.load(std::memory_order_relaxed);
+  std::vector<RepairEntry> entries = readEntries(old, codec, report, &maxVersion);
+  dropSecondEntries(entries, codec, report);
+  dropOverlaps(entries, old, report);
+  std::erase_if(entries, [](const RepairEntry& e) { return !e.keep; });
+  rebuildHeap(entries, old, maxVersion);
+  publishFreshIndex(entries, old);
+  takeOver();
+}
+
+std::vector<Store::RepairEntry> Store::readEntries(const IndexWord& old, const Codec& codec,
+                                                   const CorruptionReport& report,
+                                                   std::uint64_t* maxVersion) {
+  std::vector<RepairEntry> entries;
   std::vector<std::uint8_t> image;
   auto drop = [&](std::uint32_t pos, const std::string& why) {
     report("memtab table " + name_ + ": dropped the entry in bucket " + std::to_string(pos) + ": " +
@@ -653,55 +657,64 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
       drop(pos, "key hash differs from the bucket's");
       continue;
     }
-    maxVersion = std::max(maxVersion, recordVersion(rw));
-    entries.push_back({hash, off, len});
+    *maxVersion = std::max(*maxVersion, recordVersion(rw));
+    entries.push_back({hash, off, len, true});
   }
-  // Order by hash; then no two entries may share a key or overlap in memory.
+  // In order of hash, as the bucket array wants them.
   std::stable_sort(entries.begin(), entries.end(),
-                   [](const Entry& a, const Entry& b) { return a.hash < b.hash; });
-  std::vector<bool> keep(entries.size(), true);
-  std::vector<std::uint8_t> other;
+                   [](const RepairEntry& a, const RepairEntry& b) { return a.hash < b.hash; });
+  return entries;
+}
+
+void Store::dropSecondEntries(std::vector<RepairEntry>& entries, const Codec& codec,
+                              const CorruptionReport& report) {
+  std::vector<std::uint8_t> image, other;
   for (std::size_t i = 0; i < entries.size(); ++i) {
     for (std::size_t j = i + 1; j < entries.size() && entries[j].hash == entries[i].hash; ++j) {
-      if (!keep[i] || !keep[j]) continue;
+      if (!entries[i].keep || !entries[j].keep) continue;
       image.assign(base_ + entries[i].record + kRecordHeader,
                    base_ + entries[i].record + kRecordHeader + entries[i].length);
       other.assign(base_ + entries[j].record + kRecordHeader,
                    base_ + entries[j].record + kRecordHeader + entries[j].length);
       if (codec.sameKey(image, entries[i].length, other, entries[j].length)) {
-        keep[j] = false;
+        entries[j].keep = false;
         report("memtab table " + name_ + ": dropped a second entry for one key");
       }
     }
   }
+}
+
+void Store::dropOverlaps(std::vector<RepairEntry>& entries, const IndexWord& old,
+                         const CorruptionReport& report) {
   std::vector<std::size_t> byOffset;
   for (std::size_t i = 0; i < entries.size(); ++i)
-    if (keep[i]) byOffset.push_back(i);
+    if (entries[i].keep) byOffset.push_back(i);
   std::sort(byOffset.begin(), byOffset.end(),
             [&](std::size_t a, std::size_t b) { return entries[a].record < entries[b].record; });
   std::uint64_t end = 0;
   for (std::size_t i : byOffset) {
     const std::uint64_t recordEnd = entries[i].record + recordBytes(entries[i].length);
     if (entries[i].record < old.offset + old.bytes() && recordEnd > old.offset) {
-      keep[i] = false;
+      entries[i].keep = false;
       report("memtab table " + name_ + ": dropped an entry whose record overlaps the bucket array");
       continue;
     }
     if (entries[i].record < end) {
-      keep[i] = false;
+      entries[i].keep = false;
       report("memtab table " + name_ + ": dropped an entry whose record overlaps another");
       continue;
     }
-    end = entries[i].record + recordBytes(entries[i].length);
+    end = recordEnd;
   }
+}
+
+void Store::rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& old,
+                        std::uint64_t maxVersion) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> live;
-  std::vector<Entry> kept;
   liveRecordBytes_ = 0;
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    if (!keep[i]) continue;
-    kept.push_back(entries[i]);
-    live.emplace_back(entries[i].record, recordBytes(entries[i].length));
-    liveRecordBytes_ += recordBytes(entries[i].length);
+  for (const RepairEntry& e : kept) {
+    live.emplace_back(e.record, recordBytes(e.length));
+    liveRecordBytes_ += recordBytes(e.length);
   }
   live.emplace_back(old.offset, old.bytes());
   std::uint64_t top = std::min<std::uint64_t>(header()->heapTop.load(std::memory_order_relaxed), mapped_);
@@ -712,9 +725,13 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
   top = std::min(alignUp(top, 8), mapped_ & ~std::uint64_t{7});
   header()->heapTop.store(top, std::memory_order_relaxed);
   reservedEnd_ = top;
+  // Versions go on from the highest seen: a record's version is never
+  // handed out twice, whatever the last writer recorded.
   header()->version.store((maxVersion + 2) & ~std::uint64_t{1} & kVersionMask, std::memory_order_relaxed);
   rebuildFreeSpace(live);
+}
 
+void Store::publishFreshIndex(const std::vector<RepairEntry>& kept, const IndexWord& old) {
   // A fresh bucket array: clears blocks left odd and moves left half done.
   for (std::uint32_t blocks = blocksFor(kept.size());; blocks *= 2) {
     const std::uint64_t bytes = static_cast<std::uint64_t>(blocks + kTailBlocks) * kBlockBytes;
@@ -737,12 +754,16 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
     header()->count.store(kept.size(), std::memory_order_relaxed);
     header()->index.store(ix.encode(), std::memory_order_release);
     release(old.offset, old.bytes());
-    break;
+    return;
   }
+}
+
+void Store::takeOver() {
+  // A change the last writer was publishing is dropped: readers compare the
+  // table with what they delivered instead (the table entry below).
   header()->ringReserve.store(header()->ringHead.load(std::memory_order_relaxed), std::memory_order_relaxed);
   header()->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
   header()->writerEpoch.fetch_add(1, std::memory_order_release);
-  // Readers resynchronise: entries may have been dropped.
   publish(RingKind::table, nullptr, 0);
 }
 

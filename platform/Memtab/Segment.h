@@ -16,6 +16,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <type_traits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -196,6 +198,15 @@ class View {
   Copy copyEntry(std::uint64_t iw, std::uint32_t pos, std::uint64_t w, std::vector<std::uint8_t>& into,
                  std::uint32_t* length, bool acceptOdd, std::string* why);
   bool backOff(unsigned attempt, bool* acceptOdd);
+  // Runs `pass(acceptOdd)`, a read of the segment, until it reads a state
+  // that existed at one moment: it returns its answer then, or nothing when
+  // something moved under it and it must read again. After a while, or
+  // once the writer is known dead, odd blocks and records no longer mean
+  // "read again" (acceptOdd): better an answer from a writer stuck
+  // mid-move than none; the pass still checks that nothing it looked at
+  // changed, for a writer that was only slow, or a new one, may go on.
+  template <class Pass>
+  auto readConsistently(Pass&& pass) -> typename std::invoke_result_t<Pass, bool>::value_type;
   // The writer has published another bucket array since `indexWord`.
   bool replaced(std::uint64_t indexWord) const;
   // Whether a pass over bucket array `iw` read a state that existed at one
@@ -232,6 +243,37 @@ struct StoreConfig {
   gid_t group = static_cast<gid_t>(-1);
 };
 
+// The writer's steps, and what a crash right after each leaves for the next
+// writer (repair()) and for readers meanwhile:
+//
+//  upsert, replacing an entry:
+//   1. allocate a record out of place       nothing: free space is rebuilt
+//                                           from the entries at attach
+//   2. record version made odd, in header   the version is skipped
+//   3. image copied, version made even      an unreferenced record: freed
+//   4. bucket stored (one atomic store)     the new value is the table's;
+//                                           readers were never told: the
+//                                           restart's table entry makes them
+//                                           compare (5)
+//   5. change appended to the ring          done
+//  upsert, inserting: as above, but step 4 moves the buckets up to the next
+//   empty one under odd block sequence words. A crash mid-move leaves a
+//   block odd (readers take it as it is once the writer is dead) and
+//   possibly one entry in two buckets: repair keeps it once.
+//  erase: buckets moved down under odd sequence words, the last one
+//   cleared, then the ring entry: the same as an insert's move.
+//  clear, or a bucket array rebuilt for growth: a new array is filled aside
+//   and published by one store of the header's index word; a crash before
+//   it leaves the old array, after it the new one. Either is whole.
+//  ring append: ringReserve raised, entry written, ringHead raised. A crash
+//   before ringHead leaves the entry unpublished; readers learn of the change
+//   by comparing the table when the restarted writer publishes its table
+//   entry.
+//  file growth: ftruncate, then the header's fileBytes; readers map only
+//   what fileBytes says is there.
+// At attach a writer re-reads every entry (repair()), rebuilds the bucket
+// array and its free space from what is valid, carries the record versions
+// on from the highest seen, and publishes a table entry to the ring.
 class Store : public View {
  public:
   // Creates table `config.name`, or re-attaches to it after a previous
@@ -277,6 +319,22 @@ class Store : public View {
   void initialise(const StoreConfig& config);
   void recordTypeName(const std::string& typeName);
   void repair(const Codec& codec, const CorruptionReport& report);
+  struct RepairEntry {
+    std::uint32_t hash;
+    std::uint64_t record;
+    std::uint32_t length;
+    bool keep;
+  };
+  std::vector<RepairEntry> readEntries(const IndexWord& old, const Codec& codec,
+                                       const CorruptionReport& report, std::uint64_t* maxVersion);
+  void dropSecondEntries(std::vector<RepairEntry>& entries, const Codec& codec,
+                         const CorruptionReport& report);
+  void dropOverlaps(std::vector<RepairEntry>& entries, const IndexWord& old,
+                    const CorruptionReport& report);
+  void rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& old,
+                   std::uint64_t maxVersion);
+  void publishFreshIndex(const std::vector<RepairEntry>& kept, const IndexWord& old);
+  void takeOver();
   void growFile(std::uint64_t atLeast);
   std::uint64_t allocate(std::uint64_t bytes, std::uint64_t align = 8);
   void release(std::uint64_t offset, std::uint64_t bytes);
@@ -378,16 +436,20 @@ inline bool View::unchanged(std::uint64_t iw, const std::uint32_t* blocks, const
   return header()->index.load(std::memory_order_relaxed) == iw;
 }
 
-template <class Match>
-View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
+template <class Pass>
+auto View::readConsistently(Pass&& pass) -> typename std::invoke_result_t<Pass, bool>::value_type {
   refresh();
   bool deadWriter = false;
   for (unsigned attempt = 0;; ++attempt) {
-    // Once the writer is known dead, or has kept a block odd for long, an
-    // odd block or record no longer means "read again": better an answer
-    // from a writer stuck mid-move than none. The answer is checked all the
-    // same, for a writer that was only slow, or a new one, may go on.
-    const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
+    if (auto answer = pass(deadWriter || attempt >= kMaxReadAttempts)) return *answer;
+    backOff(attempt, &deadWriter);
+    refresh();
+  }
+}
+
+template <class Match>
+View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
+  return readConsistently([&](const bool acceptOdd) -> std::optional<Found> {
     std::uint64_t iw;
     if (!publishedIndex(&iw, why)) return Found::corrupt;
     const IndexWord ix = IndexWord::decode(iw);
@@ -443,9 +505,8 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
     if (!retry && unchanged(iw, blocks, seqs, nb, home, acceptOdd ? words : nullptr, nw)) {
       return Found::no;
     }
-    backOff(attempt, &deadWriter);
-    refresh();
-  }
+    return std::nullopt;
+  });
 }
 
 }  // namespace Memtab::Shm
