@@ -57,8 +57,8 @@
 // notifiee's own lookups and iterations returned while it was being
 // notified, for the table may have moved on by then. When it has missed
 // changes it compares the table with the shadow instead. The shadow is
-// bounded by the table's size, never by the rate of change: one hash-map
-// node of a key and 8 bytes per key. (A notifiee that looks keys up later,
+// bounded by the table's size, never by the rate of change: one slot of a
+// key and 8 bytes per key, at a load of a quarter to seven tenths. (A notifiee that looks keys up later,
 // outside its callbacks, may see a state the reader does not know it saw.)
 //
 // The writer needs no polling for any of this: changes ring the readers'
@@ -210,6 +210,102 @@ class Codec final : public Shm::Codec {
     return decode(a, aLength, &x, &why) && decode(b, bLength, &y, &why) &&
            ValueTraits<V>::key(x) == ValueTraits<V>::key(y);
   }
+};
+
+// A reader's shadow of its table: per key, one 64-bit word (never 0 or 1).
+// Open addressing with linear probing in one array: no allocation per key,
+// (sizeof(Key) + 8) bytes per slot at a load of a quarter to seven tenths.
+template <class Key, class Hash>
+class ShadowMap {
+ public:
+  std::size_t size() const { return size_; }
+  std::size_t bytes() const { return slots_.capacity() * sizeof(Slot); }
+
+  // The word of `key`, or null.
+  std::uint64_t* find(const Key& key) {
+    Slot* s = at(key);
+    return s == nullptr ? nullptr : &s->word;
+  }
+  // The word of `key`, inserted (as kFresh) when absent; `fresh` says
+  // which. Valid until the next insertion.
+  std::uint64_t* slot(const Key& key, bool* fresh) {
+    if (auto* w = find(key)) {
+      *fresh = false;
+      return w;
+    }
+    if ((used_ + 1) * 10 > slots_.size() * 7) rehash();
+    std::size_t i = home(key);
+    while (slots_[i].word != kEmpty && slots_[i].word != kRemoved) i = (i + 1) & mask_;
+    used_ += slots_[i].word == kEmpty;
+    ++size_;
+    slots_[i].key = key;
+    slots_[i].word = kFresh;
+    *fresh = true;
+    return &slots_[i].word;
+  }
+  void erase(const Key& key) {
+    if (Slot* s = at(key)) remove(*s);
+  }
+  // Calls fn(key, word) for every entry; removes those for which it says so.
+  template <class Fn>
+  void eraseIf(Fn&& fn) {
+    for (Slot& s : slots_) {
+      if (s.word != kEmpty && s.word != kRemoved && fn(s.key, s.word)) remove(s);
+    }
+  }
+  void clear() {
+    slots_.clear();
+    slots_.shrink_to_fit();
+    size_ = used_ = 0;
+    mask_ = 0;
+  }
+
+  static constexpr std::uint64_t kFresh = 2;
+
+ private:
+  static constexpr std::uint64_t kEmpty = 0;
+  static constexpr std::uint64_t kRemoved = 1;
+  struct Slot {
+    Key key{};
+    std::uint64_t word = kEmpty;
+  };
+  Slot* at(const Key& key) {
+    if (slots_.empty()) return nullptr;
+    for (std::size_t i = home(key);; i = (i + 1) & mask_) {
+      Slot& s = slots_[i];
+      if (s.word == kEmpty) return nullptr;
+      if (s.word != kRemoved && s.key == key) return &s;
+    }
+  }
+  std::size_t home(const Key& key) const {
+    // Fibonacci hashing spreads even a weak key hash over the array.
+    const std::uint64_t h = static_cast<std::uint64_t>(Hash()(key)) * 0x9e3779b97f4a7c15ull;
+    return static_cast<std::size_t>(h >> 32) & mask_;
+  }
+  void remove(Slot& s) {
+    s.key = Key();
+    s.word = kRemoved;
+    --size_;
+  }
+  void rehash() {
+    std::size_t capacity = 16;
+    while (capacity < (size_ + 1) * 2) capacity *= 2;
+    std::vector<Slot> old(capacity);
+    old.swap(slots_);
+    mask_ = capacity - 1;
+    used_ = size_;
+    for (Slot& s : old) {
+      if (s.word == kEmpty || s.word == kRemoved) continue;
+      std::size_t i = home(s.key);
+      while (slots_[i].word != kEmpty) i = (i + 1) & mask_;
+      slots_[i] = std::move(s);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::size_t size_ = 0;
+  std::size_t used_ = 0;  // entries and removed slots
+  std::size_t mask_ = 0;
 };
 
 struct Counters {
@@ -657,7 +753,10 @@ class Reader : public Table<V> {
       }
     } else {
       // Gone: every key delivered is absent now.
-      for (auto& entry : shadow_) addPending(entry.first);
+      shadow_.eraseIf([&](const Key& k, std::uint64_t) {
+        addPending(k);
+        return true;
+      });
       shadow_.clear();
     }
     // What the notifiee looks up while it is told of changes is what it
@@ -697,6 +796,7 @@ class Reader : public Table<V> {
 
   // Keys in this reader's shadow of the table (see the header comment).
   std::size_t shadowKeys() const { return shadow_.size(); }
+  std::size_t shadowBytes() const { return shadow_.bytes(); }
 
  private:
   Shm::View* view() const override { return mount_->view(); }
@@ -708,7 +808,8 @@ class Reader : public Table<V> {
   // to what was last delivered before the notifiee looked.
   void observed(const Key& key, bool present, std::uint64_t version) const override {
     if (present) {
-      shadow_.insert_or_assign(key, shadowWord(version));
+      bool fresh;
+      *shadow_.slot(key, &fresh) = shadowWord(version);
     } else {
       shadow_.erase(key);
     }
@@ -742,12 +843,11 @@ class Reader : public Table<V> {
     Key k = ValueTraits<V>::key(value);
     if (erased) {
       // A shadow that already holds a later record of the key keeps it.
-      auto it = self.shadow_.find(k);
-      if (it != self.shadow_.end() && (it->second & kVersionMask) == (version & kVersionMask)) {
-        self.shadow_.erase(it);
-      }
+      const std::uint64_t* w = self.shadow_.find(k);
+      if (w != nullptr && (*w & kVersionMask) == (version & kVersionMask)) self.shadow_.erase(k);
     } else {
-      self.shadow_.insert_or_assign(k, self.shadowWord(version));
+      bool fresh;
+      *self.shadow_.slot(k, &fresh) = self.shadowWord(version);
     }
     self.addPending(std::move(k));
     return true;
@@ -812,23 +912,21 @@ class Reader : public Table<V> {
     };
     const bool whole = forEachGroup(v, [&](std::vector<std::pair<Key, std::uint64_t>>& entries) {
       for (auto& [k, version] : entries) {
-        auto [it, fresh] = shadow_.try_emplace(k, 0);
+        bool fresh;
+        std::uint64_t* w = shadow_.slot(k, &fresh);
         if (sweep == Sweep::everything ||
-            (sweep == Sweep::changed && (fresh || (it->second & kVersionMask) != (version & kVersionMask)))) {
+            (sweep == Sweep::changed && (fresh || (*w & kVersionMask) != (version & kVersionMask)))) {
           announce(k);
         }
-        it->second = shadowWord(version);
+        *w = shadowWord(version);
       }
     });
     if (!whole) return;
-    for (auto it = shadow_.begin(); it != shadow_.end();) {
-      if ((it->second >> kVersionBits) == current) {
-        ++it;
-        continue;
-      }
-      if (sweep != Sweep::silent) announce(it->first);
-      it = shadow_.erase(it);
-    }
+    shadow_.eraseIf([&](const Key& k, std::uint64_t w) {
+      if ((w >> kVersionBits) == current) return false;
+      if (sweep != Sweep::silent) announce(k);
+      return true;
+    });
   }
 
   std::unique_ptr<Shm::Mount> mount_;
@@ -837,7 +935,7 @@ class Reader : public Table<V> {
   bool baseline_ = false;    // the shadow stands for a segment once mapped
   std::uint32_t sweep_ = 0;
   // Mutable: lookups, which are const, record what the notifiee saw.
-  mutable std::unordered_map<Key, std::uint64_t, typename Table<V>::KeyHash> shadow_;
+  mutable detail::ShadowMap<Key, typename Table<V>::KeyHash> shadow_;
   std::vector<Key> pending_;
   std::unordered_set<Key, typename Table<V>::KeyHash> pendingSet_;
 };
