@@ -137,7 +137,8 @@ struct Options {
   // Entries to make room for when the table is created.
   std::size_t capacity = 0;
   // Bytes of change ring (a power of two, at least 4096; 0 for none).
-  // Readers that fall more than this behind get onTable().
+  // A reader that falls more than this behind compares the whole table
+  // with what it delivered instead, which costs it more.
   std::size_t ringBytes = 1u << 20;
   mode_t mode = 0600;
   // Writer: a group whose members may read the table (adds group read to
