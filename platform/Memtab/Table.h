@@ -762,14 +762,13 @@ class Reader : public Table<V> {
     }
     // What the notifiee looks up while it is told of changes is what it
     // has seen: the shadow takes that in.
-    this->observing_ = true;
+    Observing observing(this);
     if (u.statusChanged) notifiee.onMountStatus(mount_->status());
     if (table) notifiee.onTable();
     for (const Key& k : pending_) {
       this->counters_.notify.increment();
       notifiee.onKey(k);
     }
-    this->observing_ = false;
     pending_.clear();
     pendingSet_.clear();
     mount_->arm();
@@ -783,7 +782,7 @@ class Reader : public Table<V> {
     Shm::View* v = mount_->view();
     if (v == nullptr) return;
     std::vector<Key> group;
-    this->observing_ = true;
+    Observing observing(this);
     forEachGroup(v, [&](std::vector<std::pair<Key, std::uint64_t>>& entries) {
       group.clear();
       for (auto& e : entries) group.push_back(std::move(e.first));
@@ -792,7 +791,6 @@ class Reader : public Table<V> {
         notifiee.onKey(k);
       }
     });
-    this->observing_ = false;
   }
 
   // Keys in this reader's shadow of the table (see the header comment).
@@ -815,6 +813,15 @@ class Reader : public Table<V> {
       shadow_.erase(key);
     }
   }
+
+  // Lookups report to the shadow while one lives (even if a callback throws).
+  struct Observing {
+    const Reader* reader;
+    explicit Observing(const Reader* r) : reader(r) { reader->observing_ = true; }
+    ~Observing() { reader->observing_ = false; }
+    Observing(const Observing&) = delete;
+    Observing& operator=(const Observing&) = delete;
+  };
 
   // Shadow entries: the record version last delivered (40 bits) and the
   // sweep that last saw the key in the table (24 bits).
