@@ -71,16 +71,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
   }
   void printRatios() const {
-    std::printf("\n%-30s %14s %14s %10s\n", "input (median CPU time)", "reference", "fast",
-                "ref/fast");
+    std::printf("\n%-30s %12s %12s %12s %9s %9s\n", "input (median CPU time)", "reference",
+                "today", "scheduled", "ref/new", "today/new");
     for (const std::string& input : order_) {
       if (times_.count(input) == 0) continue;  // filtered out
       const auto& byPath = times_.at(input);
-      const auto ref = byPath.find("reference");
-      const auto fast = byPath.find("fast");
-      if (ref == byPath.end() || fast == byPath.end()) continue;
-      std::printf("%-30s %11.1f us %11.1f us %9.1fx\n", input.c_str(), ref->second, fast->second,
-                  ref->second / fast->second);
+      auto timeOf = [&](const char* path) {
+        const auto it = byPath.find(path);
+        return it == byPath.end() ? 0.0 : it->second;
+      };
+      const double ref = timeOf("reference"), today = timeOf("today"), fast = timeOf("scheduled");
+      std::printf("%-30s %9.2f us %9.2f us %9.2f us", input.c_str(), ref, today, fast);
+      if (fast > 0 && ref > 0) std::printf(" %8.1fx", ref / fast);
+      else std::printf(" %9s", "-");
+      if (fast > 0 && today > 0) std::printf(" %8.2fx", today / fast);
+      std::printf("\n");
     }
   }
 
@@ -93,13 +98,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
   std::vector<Input> inputs;
-  for (size_t n : {8, 64, 512})
+  for (size_t n : {8, 64, 512, 1024})
     for (uint64_t maxUcmp : {64, 4096, 65535})
       for (float deviation : {0.0f, 0.05f}) inputs.push_back({n, maxUcmp, deviation});
   for (const Input& in : inputs) {
     const std::pair<const char*, RebaseFn> paths[] = {
         {"reference", &RoutingLib::detail::rebaseReference},
-        {"fast", &RoutingLib::detail::rebaseFast}};
+        {"today", &RoutingLib::detail::rebaseFast},
+        {"scheduled", &RoutingLib::detail::rebaseScheduled}};
     for (const auto& [path, fn] : paths) {
       auto* b = benchmark::RegisterBenchmark((std::string(path) + "/" + in.key()).c_str(), run,
                                              fn, in.n, in.maxUcmp, in.deviation);

@@ -44,6 +44,7 @@ struct RebaseOutcome {
 
 RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
+RebaseOutcome rebaseScheduled(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 
 }  // namespace RoutingLib::detail

@@ -7,6 +7,7 @@
 // a different route, see growFast.
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -421,6 +422,232 @@ void growFast(Rebase& r) {
   budgetSpent(r);
 }
 
+// ---------------------------------------------------------------------------
+// The scheduled growth: the reference loop's outcome without its rescans.
+//
+// At a fixed weight an entry's test turns from false to true, for good, as
+// the total grows (floor above 0). So weight w of entry k has a due total
+// D_k(w), the first total at which it is under-served, and D_k does not fall
+// as w grows. Step t of the loop (the increment that raises the total from t
+// to t + 1) goes to the first entry in sorted order with D_k(w_k) <= t. That
+// is a fixed-priority schedule of unit jobs: entry k's w-th job arrives at
+// D_k(w) and may run in a step that no entry before it takes. Taking the
+// entries in sorted order, each one's jobs go, in turn, to the first step at
+// or after their arrival that no earlier entry took. A step that no entry
+// takes is one at which no entry was under-served: the loop converged there.
+//
+// The steps are taken a window of up to kWindowSlots at a time, so the work
+// is one look per entry and window plus one per increment; how many
+// increments the loop makes before it converges or spends the budget is not
+// known without walking them (it hangs on when a sum of the entries'
+// rounding remainders first reaches zero), so the walk remains, at a few
+// instructions per increment.
+
+constexpr size_t kWindowSlots = 8192;
+
+struct Job {
+  double optimalRatio;
+  double perWeight;  // 1 / (optimalRatio x cut): the due total of weight w is about w x perWeight
+  uint64_t due;      // due total of the entry's current weight (kNever or past the budget: never)
+  uint32_t weight;
+  uint32_t weightAtWindow;  // the weight when the current window began
+  bool closedForm;          // perWeight is accurate enough to trust away from integers
+};
+
+// The due total of `weight` from the closed form, or 0 when the test must
+// decide. w x perWeight is within a few units in the last place of the real
+// boundary w / (optimalRatio x cut), and the test's oversub (two roundings)
+// is as close to its real value: so when the product is farther than 1e-13
+// of itself from every integer, the first total above it is the first
+// total the test accepts. Near an integer (exact fractions: equal or
+// integer-ratio weights) the test itself settles it. The result may lie
+// below the first step: due from the start.
+inline uint64_t closedFormDue(double perWeight, uint32_t weight) {
+  const double x = weight * perWeight;
+  if (!(x < 1e12)) return 0;
+  const auto whole = static_cast<uint64_t>(x);
+  const double frac = x - static_cast<double>(whole);  // exact
+  const double margin = x * 1e-13;
+  if (frac > margin && 1.0 - frac > margin) return whole + 1;
+  return 0;
+}
+
+// D_k(w): the first total in [lo, hi] at which weight w of the entry is
+// under-served, a total below lo when it already is there, or a total past
+// hi (kNever among them) when it never is.
+inline uint64_t dueOfWeight(const Job& j, uint32_t weight, double cut, uint64_t lo, uint64_t hi) {
+  if (j.closedForm) {
+    const uint64_t t = closedFormDue(j.perWeight, weight);
+    if (t != 0) return t;
+  }
+  return dueTotal(weight, j.optimalRatio, j.perWeight, cut, lo, hi);
+}
+
+// The free steps of one window [first, first + size), one bit each.
+class StepWindow {
+ public:
+  void reset(uint64_t first, size_t size) {
+    first_ = first;
+    size_ = size;
+    words_ = (size + 63) / 64;
+    free_ = size;
+    for (size_t i = 0; i + 1 < words_; ++i) bits_[i] = ~uint64_t{0};
+    const size_t tail = size - (words_ - 1) * 64;
+    bits_[words_ - 1] = tail == 64 ? ~uint64_t{0} : (uint64_t{1} << tail) - 1;
+  }
+  uint64_t first() const { return first_; }
+  uint64_t end() const { return first_ + size_; }
+  size_t freeCount() const { return free_; }
+
+  // Takes the first free step at or after `step` (first() <= step < end());
+  // false when there is none.
+  bool take(uint64_t step) {
+    const auto i = static_cast<size_t>(step - first_);
+    size_t w = i / 64;
+    uint64_t m = bits_[w] & (~uint64_t{0} << (i % 64));
+    while (m == 0) {
+      if (++w == words_) return false;
+      m = bits_[w];
+    }
+    bits_[w] ^= m & (~m + 1);  // the lowest free bit at or after `step`
+    --free_;
+    return true;
+  }
+
+  // The first free step, or kNever.
+  uint64_t firstFree() const {
+    if (free_ == 0) return kNever;
+    for (size_t w = 0; w < words_; ++w)
+      if (bits_[w] != 0) return first_ + w * 64 + static_cast<uint64_t>(std::countr_zero(bits_[w]));
+    return kNever;
+  }
+
+ private:
+  uint64_t first_ = 0;
+  size_t size_ = 0;
+  size_t words_ = 0;
+  size_t free_ = 0;
+  uint64_t bits_[kWindowSlots / 64];
+};
+
+// Floor 0: only a share of -0 or a negative one can be under-served (its
+// |oversub| above the smallest normal double). An entry that is not at the
+// first step never is later (the total grows, its weight does not), and one
+// that is stays so while it grows (weight / total only rises). So the first
+// entry under-served at the first step takes every step, or none is and the
+// loop converges at once.
+void growAtFloorZero(Rebase& r) {
+  for (WeightEntry& e : r.entries) {
+    const double weightRatio = e.weight / static_cast<double>(r.total);
+    if (!underServed(weightRatio / e.optimalRatio, r.floor)) continue;
+    const uint64_t steps = r.maxUcmp - r.total;
+    if (steps > std::numeric_limits<uint32_t>::max() - e.weight) {
+      growReference(r);  // the weight would wrap; only the loop knows what follows
+      return;
+    }
+    e.weight += static_cast<uint32_t>(steps);
+    r.total = r.maxUcmp;
+    break;
+  }
+  budgetSpent(r);
+}
+
+// The schedule, window by window. Within a window the entries take their steps
+// in sorted order; the first free step left is where the loop converged, and
+// each entry's weight there is its first weight not yet due.
+void growScheduled(Rebase& r) {
+  if (budgetSpent(r)) return;
+  if (r.floor == 0.0) {
+    growAtFloorZero(r);
+    return;
+  }
+  const double cut = overSubCut(r.floor);
+  const uint64_t lo = r.total;
+  const uint64_t hi = r.maxUcmp - 1;
+  const size_t n = r.entries.size();
+  // Small groups keep their jobs on the stack.
+  constexpr size_t kLocal = 32;
+  Job local[kLocal];
+  std::vector<Job> heap(n > kLocal ? n : 0);
+  Job* const jobs = n > kLocal ? heap.data() : local;
+  for (size_t k = 0; k < n; ++k) {
+    const WeightEntry& e = r.entries[k];
+    Job& j = jobs[k];
+    j.optimalRatio = e.optimalRatio;
+    j.perWeight = 1.0 / (e.optimalRatio * cut);
+    j.weight = e.weight;
+    j.closedForm = e.optimalRatio >= 1e-290 && e.optimalRatio <= 1e290 && j.perWeight > 0 &&
+                   j.perWeight < 1e290;
+    j.due = dueOfWeight(j, j.weight, cut, lo, hi);
+  }
+
+  StepWindow window;
+  size_t size = std::min(kWindowSlots, std::max<size_t>(64, (n + 63) / 64 * 64));
+  uint64_t converged = kNever;
+  for (uint64_t first = lo; first <= hi; first = window.end()) {
+    window.reset(first, static_cast<size_t>(std::min<uint64_t>(size, hi - first + 1)));
+    size = std::min(kWindowSlots, size * 2);
+    const uint64_t end = window.end();
+    for (size_t k = 0; k < n; ++k) {
+      Job& j = jobs[k];
+      j.weightAtWindow = j.weight;
+      if (j.due >= end) continue;
+      if (window.freeCount() == 0) {
+        for (; k < n; ++k) jobs[k].weightAtWindow = jobs[k].weight;
+        break;
+      }
+      uint32_t weight = j.weight;
+      uint64_t due = j.due;
+      while (window.take(std::max(due, first))) {
+        if (++weight == 0) {  // wrapped: only the loop knows what follows
+          for (size_t i = 0; i < n; ++i) r.entries[i].weight = jobs[i].weight;
+          r.entries[k].weight = ~uint32_t{0};
+          r.total = window.first() + (window.end() - window.first() - window.freeCount());
+          growReference(r);
+          return;
+        }
+        uint64_t next = j.closedForm ? closedFormDue(j.perWeight, weight) : 0;
+        if (next == 0) next = dueTotal(weight, j.optimalRatio, j.perWeight, cut, first, hi);
+        due = next;
+        if (due >= end) break;
+      }
+      j.weight = weight;
+      j.due = due;
+    }
+    converged = window.firstFree();
+    if (converged != kNever) break;
+  }
+  if (converged != kNever) {
+    // Steps from the convergence on never ran: each weight is the first one
+    // not due there, between the weight the window began with and the one
+    // reached. A guess from the closed form, checked on both sides, else a
+    // count up.
+    for (size_t k = 0; k < n; ++k) {
+      Job& j = jobs[k];
+      auto dueThere = [&](uint32_t w) { return dueOfWeight(j, w, cut, lo, hi) <= converged; };
+      uint32_t w = j.weightAtWindow;
+      if (w == j.weight) continue;
+      if (j.closedForm) {
+        const double guess = static_cast<double>(converged) / j.perWeight;
+        if (guess > w && guess < j.weight) {
+          const auto g = static_cast<uint32_t>(guess) + 1;  // w < g <= weight
+          if (dueThere(g - 1) && (g == j.weight || !dueThere(g))) {
+            j.weight = g;
+            continue;
+          }
+        }
+      }
+      while (w < j.weight && dueThere(w)) ++w;
+      j.weight = w;
+    }
+    r.total = converged;
+  } else {
+    r.total = r.maxUcmp;
+  }
+  for (size_t k = 0; k < n; ++k) r.entries[k].weight = jobs[k].weight;
+  budgetSpent(r);
+}
+
 RebaseOutcome finish(const Rebase& r) {
   RebaseOutcome out{r.status, std::vector<uint32_t>(r.entries.size(), 0)};
   for (const WeightEntry& e : r.entries) out.weights[static_cast<size_t>(e.index)] = e.weight;
@@ -439,6 +666,12 @@ RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float we
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
   Rebase r = start(in, maxUcmp, weightDeviation);
   growFast(r);
+  return finish(r);
+}
+
+RebaseOutcome rebaseScheduled(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
+  Rebase r = start(in, maxUcmp, weightDeviation);
+  growScheduled(r);
   return finish(r);
 }
 

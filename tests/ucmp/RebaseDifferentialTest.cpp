@@ -148,7 +148,7 @@ void expectInvariants(const RebaseOutcome& got, const std::vector<double>& in, u
 
 bool compare(const std::vector<double>& in, uint64_t maxUcmp, float deviation) {
   const RebaseOutcome want = RoutingLib::detail::rebaseReference(in, maxUcmp, deviation);
-  const RebaseOutcome got = RoutingLib::detail::rebaseFast(in, maxUcmp, deviation);
+  const RebaseOutcome got = RoutingLib::detail::rebaseScheduled(in, maxUcmp, deviation);
   EXPECT_EQ(got.status, want.status) << describe(in, maxUcmp, deviation);
   EXPECT_EQ(got.weights, want.weights) << describe(in, maxUcmp, deviation);
   expectInvariants(got, in, maxUcmp, deviation);
