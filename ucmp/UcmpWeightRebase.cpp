@@ -450,7 +450,6 @@ struct Job {
   double perWeight;  // 1 / (optimalRatio x cut): the due total of weight w is about w x perWeight
   uint64_t due;      // due total of the entry's current weight (kNever or past the budget: never)
   uint32_t weight;
-  uint32_t weightAtWindow;  // the weight when the current window began
   bool closedForm;          // perWeight is accurate enough to trust away from integers
 };
 
@@ -470,17 +469,6 @@ inline uint64_t closedFormDue(double perWeight, uint32_t weight) {
   const double margin = x * 1e-13;
   if (frac > margin && 1.0 - frac > margin) return whole + 1;
   return 0;
-}
-
-// D_k(w): the first total in [lo, hi] at which weight w of the entry is
-// under-served, a total below lo when it already is there, or a total past
-// hi (kNever among them) when it never is.
-inline uint64_t dueOfWeight(const Job& j, uint32_t weight, double cut, uint64_t lo, uint64_t hi) {
-  if (j.closedForm) {
-    const uint64_t t = closedFormDue(j.perWeight, weight);
-    if (t != 0) return t;
-  }
-  return dueTotal(weight, j.optimalRatio, j.perWeight, cut, lo, hi);
 }
 
 // The free steps of one window [first, first + size), one bit each.
@@ -552,9 +540,153 @@ void growAtFloorZero(Rebase& r) {
   budgetSpent(r);
 }
 
-// The schedule, window by window. Within a window the entries take their steps
-// in sorted order; the first free step left is where the loop converged, and
-// each entry's weight there is its first weight not yet due.
+// Window sizes: a window costs one look per entry besides its steps, so
+// windows grow from about n steps; but around the total where the loop
+// usually converges (the entries' rounding up, about n / 2 in all, drains at
+// 1 - floor per step) they stay that small, so that little is done past the
+// convergence.
+class WindowSizes {
+ public:
+  WindowSizes(size_t n, double cut)
+      : base_(std::min(kWindowSlots, std::max<size_t>(16, 2 * n))),
+        size_(base_),
+        usual_(static_cast<double>(n) / (2.0 * (1.0 - cut))) {}
+
+  // The size of the window from `first`, at most up to `hi`.
+  size_t next(uint64_t first, uint64_t hi) {
+    const size_t size = static_cast<size_t>(std::min<uint64_t>(size_, hi - first + 1));
+    const double end = static_cast<double>(first + size);
+    size_ = end + 2.0 * static_cast<double>(size_) >= 0.5 * usual_ && end <= 2.0 * usual_
+                ? base_
+                : std::min(kWindowSlots, size_ * 2);
+    return size;
+  }
+  double usualConvergence() const { return usual_; }
+
+ private:
+  size_t base_;
+  size_t size_;
+  double usual_;
+};
+
+struct Schedule {
+  Job* jobs;
+  size_t n;
+  double cut;
+  uint64_t lo;  // the first step
+  uint64_t hi;  // the last step the budget allows
+
+  uint64_t dueOf(const Job& j, uint32_t weight, uint64_t first) const {
+    const uint64_t t = j.closedForm ? closedFormDue(j.perWeight, weight) : 0;
+    return t != 0 ? t : dueTotal(weight, j.optimalRatio, j.perWeight, cut, first, hi);
+  }
+
+  void reset(const std::vector<WeightEntry>& entries) {
+    for (size_t k = 0; k < n; ++k) {
+      Job& j = jobs[k];
+      j.weight = entries[k].weight;
+      j.due = dueOf(j, j.weight, lo);
+    }
+  }
+
+  // Every weight at the convergence step, from weights at or above it: the
+  // first weight not due there (every job due by then ran before it). A
+  // guess from the closed form, checked on both sides, else a count down.
+  void settleAt(uint64_t converged) {
+    for (size_t k = 0; k < n; ++k) {
+      Job& j = jobs[k];
+      auto dueThere = [&](uint32_t w) { return dueOf(j, w, lo) <= converged; };
+      if (j.weight == 1 || dueThere(j.weight - 1)) continue;
+      if (j.closedForm) {
+        const double guess = static_cast<double>(converged) / j.perWeight;
+        if (guess >= 1.0 && guess < j.weight - 1) {
+          const auto g = static_cast<uint32_t>(guess) + 1;  // 1 < g < weight
+          if (dueThere(g - 1) && !dueThere(g)) {
+            j.weight = g;
+            continue;
+          }
+        }
+      }
+      uint32_t w = j.weight - 1;
+      while (w > 1 && !dueThere(w - 1)) --w;
+      j.weight = w;
+    }
+  }
+
+  // Where the loop converges, counting jobs only: at step t the jobs that
+  // arrived by t plus the n seeds, less the t entries handed out, are the
+  // ones pending. The first step with none pending is the convergence,
+  // whoever ran the earlier steps. kNever when the budget runs out first
+  // (or a weight would wrap). Leaves each job at its first weight not due
+  // by the end of the last window looked at.
+  uint64_t convergenceByCount() {
+    uint32_t arrivals[kWindowSlots];
+    WindowSizes sizes(n, cut);
+    uint64_t arrived = n;
+    for (uint64_t first = lo; first <= hi;) {
+      const size_t size = sizes.next(first, hi);
+      const uint64_t end = first + size;
+      std::fill(arrivals, arrivals + size, 0u);
+      for (size_t k = 0; k < n; ++k) {
+        Job& j = jobs[k];
+        uint64_t due = j.due;
+        if (due >= end) continue;
+        uint32_t weight = j.weight;
+        do {
+          ++arrivals[due <= first ? 0 : due - first];
+          if (++weight == ~uint32_t{0}) return kNever;
+          due = dueOf(j, weight, first);
+        } while (due < end);
+        j.weight = weight;
+        j.due = due;
+      }
+      for (size_t i = 0; i < size; ++i) {
+        arrived += arrivals[i];
+        if (arrived <= first + i) return first + i;
+      }
+      first = end;
+    }
+    return kNever;
+  }
+
+  // The schedule itself. Within a window the entries take their steps in
+  // sorted order; the first free step left is where the loop converged.
+  // kNever when every step up to the budget ran; `wrapped` when a weight
+  // would pass the largest unsigned 32-bit value.
+  uint64_t run(bool& wrapped) {
+    StepWindow window;
+    WindowSizes sizes(n, cut);
+    for (uint64_t first = lo; first <= hi; first = window.end()) {
+      window.reset(first, sizes.next(first, hi));
+      const uint64_t end = window.end();
+      for (size_t k = 0; k < n; ++k) {
+        Job& j = jobs[k];
+        if (j.due >= end) continue;
+        if (window.freeCount() == 0) break;
+        uint32_t weight = j.weight;
+        uint64_t due = j.due;
+        while (window.take(std::max(due, first))) {
+          if (++weight == ~uint32_t{0}) {
+            wrapped = true;
+            return kNever;
+          }
+          due = dueOf(j, weight, first);
+          if (due >= end) break;
+        }
+        j.weight = weight;
+        j.due = due;
+      }
+      const uint64_t converged = window.firstFree();
+      if (converged != kNever) return converged;
+    }
+    return kNever;
+  }
+};
+
+// The growth loop as a schedule (see above). Where the loop usually
+// converges well within the budget, the convergence is looked for first by
+// counting jobs, which is cheaper than placing them; the schedule runs when
+// the budget runs out first, since then the weights depend on who ran when.
 void growScheduled(Rebase& r) {
   if (budgetSpent(r)) return;
   if (r.floor == 0.0) {
@@ -562,89 +694,50 @@ void growScheduled(Rebase& r) {
     return;
   }
   const double cut = overSubCut(r.floor);
-  const uint64_t lo = r.total;
-  const uint64_t hi = r.maxUcmp - 1;
   const size_t n = r.entries.size();
   // Small groups keep their jobs on the stack.
   constexpr size_t kLocal = 32;
   Job local[kLocal];
   std::vector<Job> heap(n > kLocal ? n : 0);
-  Job* const jobs = n > kLocal ? heap.data() : local;
+  Schedule s{n > kLocal ? heap.data() : local, n, cut, r.total, r.maxUcmp - 1};
   for (size_t k = 0; k < n; ++k) {
-    const WeightEntry& e = r.entries[k];
-    Job& j = jobs[k];
-    j.optimalRatio = e.optimalRatio;
-    j.perWeight = 1.0 / (e.optimalRatio * cut);
-    j.weight = e.weight;
-    j.closedForm = e.optimalRatio >= 1e-290 && e.optimalRatio <= 1e290 && j.perWeight > 0 &&
+    const double optimalRatio = r.entries[k].optimalRatio;
+    Job& j = s.jobs[k];
+    j.optimalRatio = optimalRatio;
+    j.perWeight = 1.0 / (optimalRatio * cut);
+    j.closedForm = optimalRatio >= 1e-290 && optimalRatio <= 1e290 && j.perWeight > 0 &&
                    j.perWeight < 1e290;
-    j.due = dueOfWeight(j, j.weight, cut, lo, hi);
   }
+  s.reset(r.entries);
 
-  StepWindow window;
-  size_t size = std::min(kWindowSlots, std::max<size_t>(64, (n + 63) / 64 * 64));
+  // Counting needs every entry to have at most about one job per step: no
+  // share above 1 (or under-served at any weight, as a negative one or -0 is).
+  const bool countable = std::all_of(r.entries.begin(), r.entries.end(), [](const WeightEntry& e) {
+    return std::isnan(e.optimalRatio) ||
+           (e.optimalRatio <= 1.0 && e.optimalRatio >= 0.0 && !std::signbit(e.optimalRatio));
+  });
   uint64_t converged = kNever;
-  for (uint64_t first = lo; first <= hi; first = window.end()) {
-    window.reset(first, static_cast<size_t>(std::min<uint64_t>(size, hi - first + 1)));
-    size = std::min(kWindowSlots, size * 2);
-    const uint64_t end = window.end();
-    for (size_t k = 0; k < n; ++k) {
-      Job& j = jobs[k];
-      j.weightAtWindow = j.weight;
-      if (j.due >= end) continue;
-      if (window.freeCount() == 0) {
-        for (; k < n; ++k) jobs[k].weightAtWindow = jobs[k].weight;
-        break;
-      }
-      uint32_t weight = j.weight;
-      uint64_t due = j.due;
-      while (window.take(std::max(due, first))) {
-        if (++weight == 0) {  // wrapped: only the loop knows what follows
-          for (size_t i = 0; i < n; ++i) r.entries[i].weight = jobs[i].weight;
-          r.entries[k].weight = ~uint32_t{0};
-          r.total = window.first() + (window.end() - window.first() - window.freeCount());
-          growReference(r);
-          return;
-        }
-        uint64_t next = j.closedForm ? closedFormDue(j.perWeight, weight) : 0;
-        if (next == 0) next = dueTotal(weight, j.optimalRatio, j.perWeight, cut, first, hi);
-        due = next;
-        if (due >= end) break;
-      }
-      j.weight = weight;
-      j.due = due;
+  bool counted = false;
+  if (countable && WindowSizes(n, cut).usualConvergence() < 0.5 * static_cast<double>(r.maxUcmp)) {
+    converged = s.convergenceByCount();
+    counted = converged != kNever;
+    if (!counted) s.reset(r.entries);
+  }
+  if (!counted) {
+    bool wrapped = false;
+    converged = s.run(wrapped);
+    if (wrapped) {  // only the loop knows what follows; nothing is written yet
+      growReference(r);
+      return;
     }
-    converged = window.firstFree();
-    if (converged != kNever) break;
   }
   if (converged != kNever) {
-    // Steps from the convergence on never ran: each weight is the first one
-    // not due there, between the weight the window began with and the one
-    // reached. A guess from the closed form, checked on both sides, else a
-    // count up.
-    for (size_t k = 0; k < n; ++k) {
-      Job& j = jobs[k];
-      auto dueThere = [&](uint32_t w) { return dueOfWeight(j, w, cut, lo, hi) <= converged; };
-      uint32_t w = j.weightAtWindow;
-      if (w == j.weight) continue;
-      if (j.closedForm) {
-        const double guess = static_cast<double>(converged) / j.perWeight;
-        if (guess > w && guess < j.weight) {
-          const auto g = static_cast<uint32_t>(guess) + 1;  // w < g <= weight
-          if (dueThere(g - 1) && (g == j.weight || !dueThere(g))) {
-            j.weight = g;
-            continue;
-          }
-        }
-      }
-      while (w < j.weight && dueThere(w)) ++w;
-      j.weight = w;
-    }
+    s.settleAt(converged);
     r.total = converged;
   } else {
     r.total = r.maxUcmp;
   }
-  for (size_t k = 0; k < n; ++k) r.entries[k].weight = jobs[k].weight;
+  for (size_t k = 0; k < n; ++k) r.entries[k].weight = s.jobs[k].weight;
   budgetSpent(r);
 }
 

@@ -147,6 +147,7 @@ void expectInvariants(const RebaseOutcome& got, const std::vector<double>& in, u
 }
 
 bool compare(const std::vector<double>& in, uint64_t maxUcmp, float deviation) {
+  if (getenv("UCMP_DEBUG")) { fprintf(stderr, "%s\n", describe(in, maxUcmp, deviation).c_str()); }
   const RebaseOutcome want = RoutingLib::detail::rebaseReference(in, maxUcmp, deviation);
   const RebaseOutcome got = RoutingLib::detail::rebaseScheduled(in, maxUcmp, deviation);
   EXPECT_EQ(got.status, want.status) << describe(in, maxUcmp, deviation);
