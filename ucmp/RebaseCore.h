@@ -47,4 +47,24 @@ RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightD
 RebaseOutcome rebaseScheduled(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 
+// The balanced rebase: integer weights within the budget that maximise the
+// worst positive input's share of its ideal share, (w_k / sum w) / (in_k /
+// sum in). Inputs must be finite and not negative with a positive one among
+// them (fatal assertions "std::isfinite(inWeight) && inWeight >= 0",
+// "!inWeights.empty()", "sumOfWeights != 0"). Zero inputs get 0. With fewer
+// entries than positive inputs, the largest get 1 (status truncated);
+// otherwise every positive input gets at least 1 (status success). Of
+// equally good weights, the smallest total. `worstShare` is the result's
+// worst share of its ideal (0 when truncated).
+struct BalancedOutcome {
+  RebaseStatus status;
+  std::vector<uint32_t> weights;
+  double worstShare;
+};
+BalancedOutcome rebaseBalanced(const std::vector<double>& in, uint64_t maxUcmp);
+
+// The worst share of its ideal among the positive inputs: min over them of
+// (weights[k] / sum of weights) / (in[k] / sum of positive in).
+double worstShareOf(const std::vector<double>& in, const std::vector<uint32_t>& weights);
+
 }  // namespace RoutingLib::detail

@@ -6,6 +6,7 @@
 // write the per-scan level-3 trace. The fast loop reaches the same weights by
 // a different route, see growFast.
 #include <algorithm>
+#include <functional>
 #include <bit>
 #include <cmath>
 #include <cstddef>
@@ -768,6 +769,124 @@ RebaseOutcome rebaseScheduled(std::vector<double> in, uint64_t maxUcmp, float we
   return finish(r);
 }
 
+// ---------------------------------------------------------------------------
+// The balanced rebase.
+//
+// For a total W and integer weights w_k summing to it, member k's share of
+// its ideal is (w_k / W) / (in_k / S). Scaled by the largest input (q_k =
+// in_k / max), the best worst share at total W needs w_k >= mu x q_k for the
+// largest mu possible: w_k = ceil(mu x q_k), an apportionment by the divisor
+// method that rounds up (every positive input gets at least 1). Between the
+// points where some ceil(mu x q_k) steps up, the total A(mu) stays put while
+// mu grows, so the worst share, mu x Q / A(mu) (Q the sum of the q_k), is
+// best just before a step: at mu = w_k / q_k for a member's current weight.
+// The walk visits those points in increasing order while A(mu) fits the
+// budget and keeps the best; of equal bests (within a relative 1e-12, the
+// rounding of the shares), the first, the smallest total, wins, so exact
+// fits come back in lowest terms. About maxUcmp heap steps.
+
+namespace {
+
+struct Seat {
+  double next;  // mu at which this member's weight steps up: weight / q
+  size_t k;
+  bool operator>(const Seat& o) const { return next > o.next || (next == o.next && k > o.k); }
+};
+
+// The weight of a member of scaled input q at mu: the least w >= 1 with
+// w / q >= mu, in the same rounding as the walk's keys.
+uint64_t seatsAt(double mu, double q) {
+  if (!(mu / q < 1e18)) return 1;  // also q 0 (the member never steps up)
+  auto w = static_cast<uint64_t>(std::max(1.0, std::ceil(mu * q)));
+  while (w > 1 && static_cast<double>(w - 1) / q >= mu) --w;
+  while (static_cast<double>(w) / q < mu) ++w;
+  return w;
+}
+
+}  // namespace
+
+BalancedOutcome rebaseBalanced(const std::vector<double>& in, uint64_t maxUcmp) {
+  UCMP_ASSERT(!in.empty(), "!inWeights.empty()");
+  double largest = 0.0;
+  for (double w : in) {
+    UCMP_ASSERT(std::isfinite(w) && w >= 0.0, "std::isfinite(inWeight) && inWeight >= 0");
+    largest = std::max(largest, w);
+  }
+  UCMP_ASSERT(largest > 0.0, "sumOfWeights != 0");
+  const size_t n = in.size();
+  BalancedOutcome out{RebaseStatus::success, std::vector<uint32_t>(n, 0), 0.0};
+  std::vector<size_t> members;  // positive inputs, largest first, then by position
+  for (size_t k = 0; k < n; ++k)
+    if (in[k] > 0.0) members.push_back(k);
+  std::stable_sort(members.begin(), members.end(),
+                   [&](size_t a, size_t b) { return in[a] > in[b]; });
+  if (maxUcmp < members.size()) {
+    // Not one entry each: the largest get one, the rest (and every share's
+    // worst) nothing.
+    for (size_t i = 0; i < maxUcmp; ++i) out.weights[members[i]] = 1;
+    out.status = RebaseStatus::truncated;
+    return out;
+  }
+
+  std::vector<double> q(n, 0.0);
+  double sumQ = 0.0;
+  for (size_t k : members) {
+    q[k] = in[k] / largest;
+    sumQ += q[k];
+  }
+  std::vector<Seat> heap;
+  heap.reserve(members.size());
+  for (size_t k : members) heap.push_back({1.0 / q[k], k});
+  std::make_heap(heap.begin(), heap.end(), std::greater<>());
+  std::vector<uint64_t> seats(n, 0);
+  for (size_t k : members) seats[k] = 1;
+  uint64_t total = members.size();
+  double bestMu = 0.0;
+  double bestShare = -1.0;
+  while (total <= maxUcmp && !heap.empty() && std::isfinite(heap.front().next)) {
+    const double mu = heap.front().next;
+    const double share = mu * sumQ / static_cast<double>(total);
+    // Better by more than rounding: equal bests keep the smaller total.
+    if (share > bestShare * (1.0 + 1e-12)) {
+      bestShare = share;
+      bestMu = mu;
+    }
+    // Every member whose weight steps up at mu does so together.
+    while (!heap.empty() && heap.front().next == mu) {
+      std::pop_heap(heap.begin(), heap.end(), std::greater<>());
+      Seat& s = heap.back();
+      ++seats[s.k];
+      ++total;
+      s.next = static_cast<double>(seats[s.k]) / q[s.k];
+      std::push_heap(heap.begin(), heap.end(), std::greater<>());
+    }
+  }
+  if (bestShare < 0.0) {
+    // No step fits (or none exists): one each, the seed.
+    for (size_t k : members) out.weights[k] = 1;
+  } else {
+    for (size_t k : members) out.weights[k] = static_cast<uint32_t>(seatsAt(bestMu, q[k]));
+  }
+  out.worstShare = worstShareOf(in, out.weights);
+  return out;
+}
+
+double worstShareOf(const std::vector<double>& in, const std::vector<uint32_t>& weights) {
+  double sum = 0.0;
+  uint64_t total = 0;
+  for (size_t k = 0; k < in.size(); ++k) {
+    if (in[k] > 0.0) sum += in[k];
+    total += weights[k];
+  }
+  double worst = std::numeric_limits<double>::infinity();
+  for (size_t k = 0; k < in.size(); ++k) {
+    if (!(in[k] > 0.0)) continue;
+    const double share = total == 0 ? 0.0 : static_cast<double>(weights[k]) / static_cast<double>(total);
+    worst = std::min(worst, share / (in[k] / sum));
+  }
+  return std::isfinite(worst) ? worst : 0.0;
+}
+
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
   if (COG_TRACE_ENABLED(3)) return rebaseReference(std::move(in), maxUcmp, weightDeviation);
   return rebaseFast(std::move(in), maxUcmp, weightDeviation);
@@ -817,6 +936,11 @@ UcmpRebaseResult rebaseWeights(std::vector<uint32_t> inWeights, uint64_t maxUcmp
                                float weightDeviation) {
   return rebaseWeights(std::vector<double>(inWeights.begin(), inWeights.end()), maxUcmp,
                        weightDeviation);
+}
+
+UcmpRebaseResult rebaseWeightsBalanced(const std::vector<double>& inWeights, uint64_t maxUcmp) {
+  const detail::BalancedOutcome balanced = detail::rebaseBalanced(inWeights, maxUcmp);
+  return resultOf({balanced.status, balanced.weights});
 }
 
 UcmpRebaseResult UcmpWeightsTestHelper::rebaseWeightsTest(const UcmpRebaseTestInput& input) const {
