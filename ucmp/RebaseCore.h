@@ -10,10 +10,10 @@
 //   - rebaseReference: the literal growth loop, which rescans every entry
 //     after each single increment (about maxUcmp x n ratio evaluations) and
 //     writes every level-3 trace line, one per scanned entry of every scan.
-//   - rebaseFast: the same outcome, bit for bit, with about two ratio
-//     evaluations per increment and a few per entry. It writes the level-2
-//     lines and the level-3 input and output lines, but not the per-scan
-//     lines.
+//   - rebaseFast: the same outcome, bit for bit, as a schedule of the
+//     increments: a few instructions per increment and per entry and window,
+//     never a rescan. It writes the level-2 lines and the level-3 input and
+//     output lines, but not the per-scan lines.
 //   - rebase: the one callers use. It runs rebaseReference when level 3 of the
 //     "UcmpWeightRebase" trace handle is on, so the trace is exact, and
 //     rebaseFast otherwise.
@@ -44,7 +44,6 @@ struct RebaseOutcome {
 
 RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
-RebaseOutcome rebaseScheduled(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 
 // The balanced rebase: integer weights within the budget that maximise the

@@ -3,14 +3,15 @@
 // The reference growth loop is kept literally as designed: after every single
 // increment it rescans the entries from the largest ideal share, so its cost
 // is about maxUcmp x n ratio evaluations, and it is the only loop that can
-// write the per-scan level-3 trace. The fast loop reaches the same weights by
-// a different route, see growFast.
+// write the per-scan level-3 trace. The fast path reaches the same weights as
+// a schedule, see growScheduled; the balanced rebase is a separate function
+// with its own goal, see rebaseBalanced.
 #include <algorithm>
-#include <functional>
 #include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -266,163 +267,6 @@ inline uint64_t dueTotal(uint32_t weight, double optimalRatio, double perWeight,
             : dueTotalSearch(weight, optimalRatio, cut, lo, hi, guess, false);
 }
 
-// Due totals filed by the running total at which they fall due, and the set
-// of positions due now. The total only ever grows by one, so a ring of W
-// buckets holds what falls due within the next W totals; later ones wait in
-// a far list that is sorted into the ring each time the total reaches a
-// multiple of W (W >= n, so that costs at most one look per entry and
-// increment). The due set is a two-level bitset over sorted positions, whose
-// first set bit is the entry the reference scan would pick.
-class DueCalendar {
- public:
-  DueCalendar(size_t n, uint64_t total)
-      : ring_(std::bit_ceil(std::max<size_t>(n, 64))),
-        head_(ring_, kNone),
-        next_(n, kNone),
-        word_((n + 63) / 64, 0),
-        summary_((word_.size() + 63) / 64, 0) {
-    far_.reserve(n);
-  }
-
-  // Files position k, due at `due`, when the running total is `total`.
-  void file(size_t k, uint64_t due, uint64_t total) {
-    if (due <= total) {
-      setDue(k);
-    } else if (due == kNever) {
-      // Its weight no longer changes, so it never falls due.
-    } else if (due - total <= ring_) {
-      toBucket(k, due);
-    } else {
-      far_.push_back({due, k});
-    }
-  }
-
-  // The running total has grown to `total`: what falls due at it joins the set.
-  void advanceTo(uint64_t total) {
-    const size_t b = static_cast<size_t>(total & (ring_ - 1));
-    for (size_t k = std::exchange(head_[b], kNone); k != kNone; k = next_[k]) setDue(k);
-    if (b != 0) return;
-    // Nothing in the far list was due before the ring could hold it.
-    size_t kept = 0;
-    for (const Far& f : far_) {
-      if (f.due - total <= ring_)
-        toBucket(f.position, f.due);
-      else
-        far_[kept++] = f;
-    }
-    far_.resize(kept);
-  }
-
-  // The first position due now, or npos.
-  size_t firstDue() const {
-    for (size_t s = 0; s < summary_.size(); ++s) {
-      if (summary_[s] == 0) continue;
-      const size_t w = s * 64 + static_cast<size_t>(std::countr_zero(summary_[s]));
-      return w * 64 + static_cast<size_t>(std::countr_zero(word_[w]));
-    }
-    return npos;
-  }
-
-  void clearDue(size_t k) {
-    uint64_t& w = word_[k / 64];
-    w &= ~(uint64_t{1} << (k % 64));
-    if (w == 0) summary_[k / 4096] &= ~(uint64_t{1} << (k / 64 % 64));
-  }
-
-  static constexpr size_t npos = static_cast<size_t>(-1);
-
- private:
-  static constexpr size_t kNone = static_cast<size_t>(-1);
-  struct Far {
-    uint64_t due;
-    size_t position;
-  };
-
-  void toBucket(size_t k, uint64_t due) {
-    const size_t b = static_cast<size_t>(due & (ring_ - 1));
-    next_[k] = head_[b];
-    head_[b] = k;
-  }
-
-  void setDue(size_t k) {
-    word_[k / 64] |= uint64_t{1} << (k % 64);
-    summary_[k / 4096] |= uint64_t{1} << (k / 64 % 64);
-  }
-
-  size_t ring_;               // a power of two
-  std::vector<size_t> head_;  // per bucket, the first position filed there
-  std::vector<size_t> next_;  // per position, the next one in its bucket
-  std::vector<Far> far_;
-  std::vector<uint64_t> word_;     // bit k: position k is due
-  std::vector<uint64_t> summary_;  // bit w: word w is not 0
-};
-
-// The growth loop without rescans. At a fixed weight, an entry's test can only
-// turn from false to true as the total grows: weight / total falls, so does
-// oversub (for a share that is not negative). So each entry has a due total,
-// the first total at which it is under-served, and the entry the reference
-// scan would pick is the first in sorted order whose due total has come. Only
-// the entry that grows changes its due total.
-//
-// With floor 0 a negative share is under-served only while its |oversub| is
-// large, which shrinks as the total grows: inputs with negative weights and
-// deviation 1 run the reference loop.
-void growFast(Rebase& r) {
-  if (budgetSpent(r)) return;
-  if (r.floor == 0.0 && std::any_of(r.entries.begin(), r.entries.end(),
-                                    [](const WeightEntry& e) { return e.optimalRatio < 0; })) {
-    growReference(r);
-    return;
-  }
-  const double cut = overSubCut(r.floor);
-  const uint64_t hi = r.maxUcmp - 1;
-  const size_t n = r.entries.size();
-  auto perWeightOf = [&](const WeightEntry& e) { return 1.0 / (e.optimalRatio * cut); };
-  auto dueOf = [&](const WeightEntry& e, double perWeight) {
-    return dueTotal(e.weight, e.optimalRatio, perWeight, cut, r.total, hi);
-  };
-
-  // Few entries: a linear pass over due totals kept on the stack beats the
-  // calendar and its allocations.
-  constexpr size_t kLinear = 16;
-  if (n <= kLinear) {
-    uint64_t due[kLinear];
-    double perWeight[kLinear];
-    for (size_t k = 0; k < n; ++k) {
-      perWeight[k] = perWeightOf(r.entries[k]);
-      due[k] = dueOf(r.entries[k], perWeight[k]);
-    }
-    for (;;) {
-      size_t k = 0;
-      while (k < n && due[k] > r.total) ++k;
-      if (k == n) return;
-      ++r.entries[k].weight;
-      if (++r.total >= r.maxUcmp) break;
-      due[k] = dueOf(r.entries[k], perWeight[k]);
-    }
-  } else {
-    std::vector<double> perWeight(n);
-    DueCalendar calendar(n, r.total);
-    for (size_t k = 0; k < n; ++k) {
-      perWeight[k] = perWeightOf(r.entries[k]);
-      calendar.file(k, dueOf(r.entries[k], perWeight[k]), r.total);
-    }
-    for (;;) {
-      const size_t k = calendar.firstDue();
-      if (k == DueCalendar::npos) return;
-      ++r.entries[k].weight;
-      if (++r.total >= r.maxUcmp) break;
-      calendar.advanceTo(r.total);
-      const uint64_t due = dueOf(r.entries[k], perWeight[k]);
-      if (due > r.total) {
-        calendar.clearDue(k);
-        calendar.file(k, due, r.total);
-      }
-    }
-  }
-  budgetSpent(r);
-}
-
 // ---------------------------------------------------------------------------
 // The scheduled growth: the reference loop's outcome without its rescans.
 //
@@ -437,12 +281,19 @@ void growFast(Rebase& r) {
 // or after their arrival that no earlier entry took. A step that no entry
 // takes is one at which no entry was under-served: the loop converged there.
 //
-// The steps are taken a window of up to kWindowSlots at a time, so the work
-// is one look per entry and window plus one per increment; how many
-// increments the loop makes before it converges or spends the budget is not
-// known without walking them (it hangs on when a sum of the entries'
-// rounding remainders first reaches zero), so the walk remains, at a few
-// instructions per increment.
+// The steps are taken a window at a time, so the work is one look per entry
+// and window plus one per increment, each a multiplication and a bit taken
+// from a word (the test's two divisions only where the closed form is too
+// close to an integer to trust). The increments themselves are still walked:
+// where the loop converges is the first total at which the entries' rounding
+// up, a sum of n saw-tooth functions of the total, drains to zero, and which
+// entries a budget that runs out has starved depends on when that sum came
+// close to zero before; neither has a closed form. Where the loop usually
+// converges well within the budget, the convergence is found by counting
+// jobs, without placing them.
+//
+// Floor 0 is different (an entry's test turns from true to false as the
+// total grows) and has a closed form of its own, growAtFloorZero.
 
 constexpr size_t kWindowSlots = 8192;
 
@@ -758,12 +609,6 @@ RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float we
 }
 
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
-  Rebase r = start(in, maxUcmp, weightDeviation);
-  growFast(r);
-  return finish(r);
-}
-
-RebaseOutcome rebaseScheduled(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
   Rebase r = start(in, maxUcmp, weightDeviation);
   growScheduled(r);
   return finish(r);

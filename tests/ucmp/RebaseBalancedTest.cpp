@@ -14,7 +14,7 @@
 #include "RoutingLib/UcmpWeightRebase.h"
 #include "ucmp/RebaseCore.h"
 
-#ifdef UCMP_TEST_SANITIZED
+#if defined(UCMP_TEST_SANITIZED) || defined(UCMP_TEST_EMULATED)
 constexpr int kScale = 8;
 #else
 constexpr int kScale = 1;
