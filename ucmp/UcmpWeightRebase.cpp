@@ -295,7 +295,9 @@ inline uint64_t dueTotal(uint32_t weight, double optimalRatio, double perWeight,
 // Floor 0 is different (an entry's test turns from true to false as the
 // total grows) and has a closed form of its own, growAtFloorZero.
 
-constexpr size_t kWindowSlots = 8192;
+// The longest window: its free-step bits (512 bytes) and, when counting, its
+// arrival counts (16 KiB) live on the stack.
+constexpr size_t kWindowSlots = 4096;
 
 struct Job {
   double optimalRatio;
@@ -339,19 +341,41 @@ class StepWindow {
   uint64_t end() const { return first_ + size_; }
   size_t freeCount() const { return free_; }
 
-  // Takes the first free step at or after `step` (first() <= step < end());
-  // false when there is none.
-  bool take(uint64_t step) {
-    const auto i = static_cast<size_t>(step - first_);
-    size_t w = i / 64;
-    uint64_t m = bits_[w] & (~uint64_t{0} << (i % 64));
-    while (m == 0) {
-      if (++w == words_) return false;
-      m = bits_[w];
+  // One entry's jobs, the first due at `due`: each takes the first free step
+  // at or after its due total, the next one's due total coming from
+  // dueOf(weight) once the weight has grown, until a job is due at or past
+  // end() or no step is left for it. Returns the due total of the first job
+  // left; sets `wrapped` (the weight at its limit) when the weight reaches
+  // the largest unsigned 32-bit value.
+  template <typename DueOf>
+  uint64_t takeJobs(uint64_t due, uint32_t& weight, DueOf dueOf, bool& wrapped) {
+    uint64_t* const bits = bits_;
+    const size_t words = words_;
+    const uint64_t first = first_;
+    const uint64_t end = first_ + size_;
+    uint32_t w = weight;
+    size_t taken = 0;
+    for (;;) {
+      const auto i = static_cast<size_t>(due > first ? due - first : 0);
+      size_t word = i / 64;
+      uint64_t m = bits[word] & (~uint64_t{0} << (i % 64));
+      while (m == 0) {
+        if (++word == words) goto done;
+        m = bits[word];
+      }
+      bits[word] ^= m & (~m + 1);  // the lowest free bit at or after the due total
+      ++taken;
+      if (++w == ~uint32_t{0}) {
+        wrapped = true;
+        goto done;
+      }
+      due = dueOf(w);
+      if (due >= end) break;
     }
-    bits_[w] ^= m & (~m + 1);  // the lowest free bit at or after `step`
-    --free_;
-    return true;
+  done:
+    free_ -= taken;
+    weight = w;
+    return due;
   }
 
   // The first free step, or kNever.
@@ -515,18 +539,17 @@ struct Schedule {
         Job& j = jobs[k];
         if (j.due >= end) continue;
         if (window.freeCount() == 0) break;
-        uint32_t weight = j.weight;
-        uint64_t due = j.due;
-        while (window.take(std::max(due, first))) {
-          if (++weight == ~uint32_t{0}) {
-            wrapped = true;
-            return kNever;
-          }
-          due = dueOf(j, weight, first);
-          if (due >= end) break;
+        if (j.closedForm) {
+          j.due = window.takeJobs(j.due, j.weight, [&](uint32_t w) {
+            const uint64_t t = closedFormDue(j.perWeight, w);
+            return t != 0 ? t : dueTotal(w, j.optimalRatio, j.perWeight, cut, first, hi);
+          }, wrapped);
+        } else {
+          j.due = window.takeJobs(j.due, j.weight, [&](uint32_t w) {
+            return dueTotal(w, j.optimalRatio, j.perWeight, cut, first, hi);
+          }, wrapped);
         }
-        j.weight = weight;
-        j.due = due;
+        if (wrapped) return kNever;
       }
       const uint64_t converged = window.firstFree();
       if (converged != kNever) return converged;
