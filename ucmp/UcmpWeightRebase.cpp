@@ -325,7 +325,8 @@ inline uint64_t closedFormDue(double perWeight, uint32_t weight) {
   return 0;
 }
 
-// The free steps of one window [first, first + size), one bit each.
+// The free steps of one window [first, first + size), one bit each, with a
+// summary word of the words that still have one.
 class StepWindow {
  public:
   void reset(uint64_t first, size_t size) {
@@ -336,6 +337,7 @@ class StepWindow {
     for (size_t i = 0; i + 1 < words_; ++i) bits_[i] = ~uint64_t{0};
     const size_t tail = size - (words_ - 1) * 64;
     bits_[words_ - 1] = tail == 64 ? ~uint64_t{0} : (uint64_t{1} << tail) - 1;
+    nonEmpty_ = words_ == 64 ? ~uint64_t{0} : (uint64_t{1} << words_) - 1;
   }
   uint64_t first() const { return first_; }
   uint64_t end() const { return first_ + size_; }
@@ -350,7 +352,7 @@ class StepWindow {
   template <typename DueOf>
   uint64_t takeJobs(uint64_t due, uint32_t& weight, DueOf dueOf, bool& wrapped) {
     uint64_t* const bits = bits_;
-    const size_t words = words_;
+    uint64_t nonEmpty = nonEmpty_;
     const uint64_t first = first_;
     const uint64_t end = first_ + size_;
     uint32_t w = weight;
@@ -359,11 +361,15 @@ class StepWindow {
       const auto i = static_cast<size_t>(due > first ? due - first : 0);
       size_t word = i / 64;
       uint64_t m = bits[word] & (~uint64_t{0} << (i % 64));
-      while (m == 0) {
-        if (++word == words) goto done;
+      if (m == 0) {
+        // The next word with a free step, from the summary.
+        const uint64_t later = word == 63 ? 0 : nonEmpty & (~uint64_t{0} << (word + 1));
+        if (later == 0) goto done;
+        word = static_cast<size_t>(std::countr_zero(later));
         m = bits[word];
       }
       bits[word] ^= m & (~m + 1);  // the lowest free bit at or after the due total
+      if (bits[word] == 0) nonEmpty &= ~(uint64_t{1} << word);
       ++taken;
       if (++w == ~uint32_t{0}) {
         wrapped = true;
@@ -373,6 +379,7 @@ class StepWindow {
       if (due >= end) break;
     }
   done:
+    nonEmpty_ = nonEmpty;
     free_ -= taken;
     weight = w;
     return due;
@@ -380,10 +387,9 @@ class StepWindow {
 
   // The first free step, or kNever.
   uint64_t firstFree() const {
-    if (free_ == 0) return kNever;
-    for (size_t w = 0; w < words_; ++w)
-      if (bits_[w] != 0) return first_ + w * 64 + static_cast<uint64_t>(std::countr_zero(bits_[w]));
-    return kNever;
+    if (nonEmpty_ == 0) return kNever;
+    const auto w = static_cast<size_t>(std::countr_zero(nonEmpty_));
+    return first_ + w * 64 + static_cast<uint64_t>(std::countr_zero(bits_[w]));
   }
 
  private:
@@ -391,6 +397,8 @@ class StepWindow {
   size_t size_ = 0;
   size_t words_ = 0;
   size_t free_ = 0;
+  uint64_t nonEmpty_ = 0;  // bit w: word w has a free step
+  static_assert(kWindowSlots <= 64 * 64, "one summary word");
   uint64_t bits_[kWindowSlots / 64];
 };
 
