@@ -336,7 +336,10 @@ bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, s
                          e.imageBytes <= e.entryBytes - kRingEntryHeader;
     if (shapeOk && e.kind != static_cast<std::uint16_t>(RingKind::padding)) {
       scratch_.resize(e.imageBytes);
-      std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+      // A whole-table entry has no image, and scratch_ may have no storage.
+      if (e.imageBytes != 0) {
+        std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+      }
     }
     std::atomic_thread_fence(std::memory_order_acquire);
     if (h->ringReserve.load(std::memory_order_relaxed) - position > ringBytes_) return behind();
@@ -663,6 +666,13 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
   live.emplace_back(old.offset, old.bytes());
   std::uint64_t top = std::min<std::uint64_t>(header()->heapTop.load(std::memory_order_relaxed), mapped_);
   top = std::max(top, heapStart_);
+  // Records sit on 8-byte boundaries (buckets hold offset / 8): a heap top
+  // off that grid would place every later record where no bucket can name it.
+  if (top % 8 != 0) {
+    report("memtab table " + name_ + ": heap top " + std::to_string(top) +
+           " is not 8-byte aligned; rounded up");
+    top = alignUp(top, 8);
+  }
   for (auto& [off, bytes] : live) top = std::max(top, off + bytes);
   header()->heapTop.store(top, std::memory_order_relaxed);
   reservedEnd_ = top;

@@ -286,7 +286,8 @@ inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std:
   std::uint32_t len = recordLength(w0);
   if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
   into.resize(len);
-  std::memcpy(into.data(), base_ + off + kRecordHeader, len);
+  // An empty vector may have no storage at all: memcpy wants a real pointer.
+  if (len != 0) std::memcpy(into.data(), base_ + off + kRecordHeader, len);
   std::atomic_thread_fence(std::memory_order_acquire);
   if (rw.load(std::memory_order_relaxed) != w0) return Copy::unstable;
   if (!stillThere()) return Copy::unstable;
