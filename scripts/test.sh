@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Quick start, second command: build and run every test under every preset
-# (default, sanitize, i386). Pass preset names to run only those.
+# (default, sanitize, i386, clang, fuzz). Pass preset names to run only those.
+# The fuzz preset runs each fuzz target for ROUTINGLIB_FUZZ_SECONDS (45).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
 presets=("$@")
-((${#presets[@]})) || presets=(default sanitize i386)
+((${#presets[@]})) || presets=(default sanitize i386 clang fuzz)
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "=== preset $preset"
