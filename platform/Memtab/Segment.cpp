@@ -822,7 +822,8 @@ std::uint64_t Store::writeRecord(const std::uint8_t* image, std::uint32_t length
   auto& rw = word(base_, off);
   rw.store(recordWord(v - 1, length), std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  std::memcpy(base_ + off + kRecordHeader, image, length);
+  // An empty image may come without storage (null).
+  if (length != 0) std::memcpy(base_ + off + kRecordHeader, image, length);
   std::memset(base_ + off + kRecordHeader + length, 0, bytes - kRecordHeader - length);
   rw.store(recordWord(v, length), std::memory_order_release);
   liveRecordBytes_ += bytes;
@@ -847,7 +848,7 @@ Store::Upsert Store::upsert(std::uint32_t hash, const std::uint8_t* image, std::
     if (locate(ix, hash, match, context, &pos, &oldLen)) {
       const std::uint64_t oldOff = bucketRecord(bucket(ix, pos).load(std::memory_order_relaxed));
       if (!force && oldLen == length &&
-          std::memcmp(base_ + oldOff + kRecordHeader, image, length) == 0) {
+          (length == 0 || std::memcmp(base_ + oldOff + kRecordHeader, image, length) == 0)) {
         return Upsert::unchanged;
       }
       const std::uint64_t off = writeRecord(image, length);
