@@ -14,11 +14,16 @@
 //     top), 4 anywhere: u16 offset within that region, u8 n (1-16), n bytes
 //     5 (before mapping only): truncate the file to u16 * 64 bytes
 //
-// Segments are named after the process and removed after every input.
+// Segments are named after the process and removed after every input; a
+// run removes those that runs ended by a finding left behind.
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <sanitizer/common_interface_defs.h>
 
@@ -79,6 +84,23 @@ std::string tableName() { return "fuzz.segment." + std::to_string(getpid()); }
 
 // Removes the segment when a sanitizer ends the process on a finding.
 void unlinkOnDeath() { Memtab::unlinkTable(tableName()); }
+
+// Removes the segments of earlier runs that ended on a finding some other
+// way (an abort): those of processes that are gone.
+void unlinkLeftovers() {
+  const std::string prefix = "memtab.fuzz.segment.";
+  DIR* dir = opendir("/dev/shm");
+  if (dir == nullptr) return;
+  while (dirent* e = readdir(dir)) {
+    const std::string file = e->d_name;
+    if (file.rfind(prefix, 0) != 0) continue;
+    const long pid = std::strtol(file.c_str() + prefix.size(), nullptr, 10);
+    if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      Memtab::unlinkTable(file.substr(std::strlen("memtab.")));
+    }
+  }
+  closedir(dir);
+}
 
 struct Template {
   std::vector<std::uint8_t> bytes;
@@ -298,6 +320,7 @@ void writeSeeds() {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   __sanitizer_set_death_callback(&unlinkOnDeath);
+  unlinkLeftovers();
   if (Fuzz::seedDir() != nullptr) {
     writeSeeds();
     std::exit(0);
