@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Quick start, second command: build and run every test under every preset
-# (default, sanitize, i386, clang, fuzz). Pass preset names to run only those.
-# The fuzz preset runs each fuzz target for ROUTINGLIB_FUZZ_SECONDS (45).
+# (default, sanitize, i386). Pass preset names to run only those.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
 presets=("$@")
+# Also clang (the whole project built by clang) and fuzz (each fuzz target
+# for ROUTINGLIB_FUZZ_SECONDS, 45 by default, on its corpus).
 ((${#presets[@]})) || presets=(default sanitize i386 clang fuzz)
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
