@@ -15,3 +15,12 @@ if(ROUTINGLIB_SANITIZE)
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
+
+if(ROUTINGLIB_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "ROUTINGLIB_FUZZ needs clang (libFuzzer): use the fuzz preset")
+  endif()
+  # Coverage for libFuzzer in every object; the fuzz targets link its driver.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -7,7 +7,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
 presets=("$@")
-((${#presets[@]})) || presets=(default sanitize i386)
+# Also clang (the whole project built by clang) and fuzz (each fuzz target
+# for ROUTINGLIB_FUZZ_SECONDS, 45 by default, on its corpus).
+((${#presets[@]})) || presets=(default sanitize i386 clang fuzz)
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "=== preset $preset"

@@ -121,9 +121,11 @@ template <HasCogType T>
 struct TypeOf<T> {
   static const CogType* type() { return T::cogType(); }
 };
+// Defined in the class: clang does not match an out-of-line member to a
+// constrained partial specialisation.
 template <CogEnum E>
 struct TypeOf<E> {
-  static const CogType* type();
+  static const CogType* type() { return cogEnumType(E{}); }
 };
 template <typename T>
 struct TypeOf<Ptr<T>> : TypeOf<std::remove_const_t<T>> {};
@@ -160,11 +162,6 @@ template <>
 struct TypeOf<Name> {
   static const CogType* type() { return primitiveType(Primitive::name); }
 };
-
-template <CogEnum E>
-const CogType* TypeOf<E>::type() {
-  return cogEnumType(E{});
-}
 
 // ---------------------------------------------------------------- values
 template <typename T>

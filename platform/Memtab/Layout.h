@@ -125,8 +125,10 @@ inline std::uint64_t recordWord(std::uint64_t version, std::uint32_t length) {
 }
 inline std::uint64_t recordVersion(std::uint64_t w) { return w >> 24; }
 inline std::uint32_t recordLength(std::uint64_t w) { return static_cast<std::uint32_t>(w & 0xffffff); }
+// An empty image still takes a word: the heap hands out no run below 16 bytes.
 inline std::uint64_t recordBytes(std::uint32_t imageLength) {
-  return kRecordHeader + ((static_cast<std::uint64_t>(imageLength) + 7) & ~std::uint64_t{7});
+  const std::uint64_t image = (static_cast<std::uint64_t>(imageLength) + 7) & ~std::uint64_t{7};
+  return kRecordHeader + (image == 0 ? 8 : image);
 }
 
 enum class RingKind : std::uint16_t { padding = 0, key = 1, table = 2 };

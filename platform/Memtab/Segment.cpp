@@ -368,6 +368,7 @@ bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, s
                          e.imageBytes <= e.entryBytes - kRingEntryHeader;
     if (shapeOk && e.kind != static_cast<std::uint16_t>(RingKind::padding)) {
       scratch_.resize(e.imageBytes);
+      // A whole-table entry has no image, and scratch_ may have no storage.
       if (e.imageBytes != 0) {
         std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
       }
@@ -613,7 +614,7 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
   dropSecondEntries(entries, codec, report);
   dropOverlaps(entries, old, report);
   std::erase_if(entries, [](const RepairEntry& e) { return !e.keep; });
-  rebuildHeap(entries, old, maxVersion);
+  rebuildHeap(entries, old, maxVersion, report);
   publishFreshIndex(entries, old);
   takeOver();
 }
@@ -709,7 +710,7 @@ void Store::dropOverlaps(std::vector<RepairEntry>& entries, const IndexWord& old
 }
 
 void Store::rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& old,
-                        std::uint64_t maxVersion) {
+                        std::uint64_t maxVersion, const CorruptionReport& report) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> live;
   liveRecordBytes_ = 0;
   for (const RepairEntry& e : kept) {
@@ -719,10 +720,16 @@ void Store::rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& o
   live.emplace_back(old.offset, old.bytes());
   std::uint64_t top = std::min<std::uint64_t>(header()->heapTop.load(std::memory_order_relaxed), mapped_);
   top = std::max(top, heapStart_);
+  // Records sit on 8-byte boundaries (buckets hold offset / 8): a heap top
+  // off that grid would place every later record where no bucket can name it.
+  if (top % 8 != 0) {
+    report("memtab table " + name_ + ": heap top " + std::to_string(top) +
+           " is not 8-byte aligned; rounded up");
+    top = alignUp(top, 8);
+  }
   for (auto& [off, bytes] : live) top = std::max(top, off + bytes);
-  // Everything is allocated in 8-byte units from here: a damaged top that
-  // is not would misalign every record placed after it.
-  top = std::min(alignUp(top, 8), mapped_ & ~std::uint64_t{7});
+  // Never past the mapping, and still on the 8-byte grid.
+  top = std::min(top, mapped_ & ~std::uint64_t{7});
   header()->heapTop.store(top, std::memory_order_relaxed);
   reservedEnd_ = top;
   // Versions go on from the highest seen: a record's version is never
@@ -878,7 +885,8 @@ std::uint64_t Store::writeRecord(const std::uint8_t* image, std::uint32_t length
   auto& rw = word(base_, off);
   rw.store(recordWord(v - 1, length), std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  std::memcpy(base_ + off + kRecordHeader, image, length);
+  // An empty image may come without storage (null).
+  if (length != 0) std::memcpy(base_ + off + kRecordHeader, image, length);
   std::memset(base_ + off + kRecordHeader + length, 0, bytes - kRecordHeader - length);
   rw.store(recordWord(v, length), std::memory_order_release);
   liveRecordBytes_ += bytes;
@@ -904,7 +912,7 @@ Store::Upsert Store::upsert(std::uint32_t hash, const std::uint8_t* image, std::
     if (locate(ix, hash, match, context, &pos, &oldLen)) {
       const std::uint64_t oldOff = bucketRecord(bucket(ix, pos).load(std::memory_order_relaxed));
       if (!force && oldLen == length &&
-          std::memcmp(base_ + oldOff + kRecordHeader, image, length) == 0) {
+          (length == 0 || std::memcmp(base_ + oldOff + kRecordHeader, image, length) == 0)) {
         return Upsert::unchanged;
       }
       const std::uint64_t off = writeRecord(image, length);

@@ -332,7 +332,7 @@ class Store : public View {
   void dropOverlaps(std::vector<RepairEntry>& entries, const IndexWord& old,
                     const CorruptionReport& report);
   void rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& old,
-                   std::uint64_t maxVersion);
+                   std::uint64_t maxVersion, const CorruptionReport& report);
   void publishFreshIndex(const std::vector<RepairEntry>& kept, const IndexWord& old);
   void takeOver();
   void growFile(std::uint64_t atLeast);
@@ -391,6 +391,7 @@ inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std:
   std::uint32_t len = recordLength(w0);
   if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
   into.resize(len);
+  // An empty vector may have no storage at all: memcpy wants a real pointer.
   if (len != 0) std::memcpy(into.data(), base_ + off + kRecordHeader, len);
   std::atomic_thread_fence(std::memory_order_acquire);
   if (rw.load(std::memory_order_relaxed) != w0) return Copy::unstable;

@@ -118,8 +118,8 @@ TEST(MemtabCommand, WatchShowsChangesAsTheyHappen) {
   Name name("watch");
   Memtab::Writer<Pair> w(name.value);
   w.insert(Pair{1, 10});
-  const std::string command = std::string("'") + ROUTINGLIB_TOOL + "' memtab watch " + name.value +
-                              " --count 3 2>&1";
+  const std::string command = testsupport::programPrefix() + "'" + ROUTINGLIB_TOOL +
+                              "' memtab watch " + name.value + " --count 3 2>&1";
   FILE* pipe = popen(command.c_str(), "r");
   ASSERT_NE(pipe, nullptr);
   char line[512];

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "RoutingLib/UcmpWeightRebase.h"
+#include "support/Emulation.h"
 #include "ucmp/RebaseCore.h"
 
 #if defined(UCMP_TEST_SANITIZED) || defined(UCMP_TEST_EMULATED)
@@ -182,7 +183,7 @@ TEST(UcmpRebaseBalanced, PublicFunctionCarriesTheOutcome) {
 using UcmpRebaseBalancedDeathTest = ::testing::Test;
 
 TEST_F(UcmpRebaseBalancedDeathTest, RefusedInputsAbortWithTheirText) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, testsupport::reexecutingDeathTestStyle());
   const std::string bad =
       "UcmpWeightRebase:[0-9]+: .*Assertion `std::isfinite\\(inWeight\\) && inWeight >= 0' failed";
   EXPECT_DEATH(rebaseBalanced({1, -1, 3}, 4), bad);
