@@ -159,6 +159,25 @@ class Compiler(unittest.TestCase):
             "Bad.cog:5: error: expected the name of the made output, found '3'",
         ])
 
+    def test_a_reactor_on_a_table_is_handed_the_key(self):
+        self.write("Good.cog", """\
+            namespace A {
+              value K { k: u32; }
+              value E { key: K; w: u32; }
+              entity S(name: Name) { e: memtab<E>; }
+              reactor R { input s: S reacts e; }
+            }
+            """)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(os.path.join(self.dir.name, "Good.cog"), "-o", out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Good.cpp")) as f:
+            cpp = f.read()
+        self.assertIn("void R::CogS::onE(const Memtab::KeyOf<A::E>& key) {", cpp)
+        self.assertIn("  owner_->handleE(key);\n", cpp)
+        # The initial sweep visits every key of the table.
+        self.assertIn("for (const auto& v : s_->e()) handleE(Memtab::ValueTraits<A::E>::key(v));", cpp)
+
     def test_bound_texts(self):
         m = self.model("""\
             namespace A {
