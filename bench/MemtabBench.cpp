@@ -10,7 +10,19 @@
 //   Notify/*         a writer process changing keys and a reader process
 //                    taking per-key callbacks: throughput, and latency from
 //                    the change to the callback (median, 99th percentile).
-//                    Baseline: the keys written down a pipe.
+//                    Baseline: the keys written down a pipe. The writer
+//                    never polls nor services its readers.
+//   UpsertWithReader a writer overwriting random keys of a 1M-entry table
+//                    (default 1 MiB ring, never polling) while a reader
+//                    process takes a callback (and a lookup) per key:
+//                    the writer's rate against Upsert/Memtab, and the share
+//                    of changed keys the reader delivered one by one
+//                    ("delivered", 1 = all) after the writer stopped.
+//   CatchUp          a reader that fell behind 1M changed keys (every key
+//                    of a 1M-entry table overwritten through a 64 KiB ring)
+//                    delivers them, each with a lookup: seconds for the
+//                    whole catch-up (elapsed and CPU), keys delivered, and
+//                    the reader's shadow in bytes per key.
 //
 // Counter "vsBaseline": the candidate's rate over the baseline's (above 1 is
 // faster), from the baseline run just before it.
@@ -416,11 +428,8 @@ NotifyResult runNotify(bool viaPipe, bool latency, std::size_t count) {
   if (!viaPipe) {
     Memtab::Options o;
     o.ringBytes = latency ? (1u << 20) : (64u << 20);  // room for the whole burst
+    // Never polled: the reader is taken in by the first change.
     w = std::make_unique<Memtab::Writer<Value>>(name, o);
-    for (int i = 0; i < 2000 && w->readers() == 0; ++i) {
-      w->serviceReaders();
-      usleep(1000);
-    }
   }
   char c;
   if (read(ready[0], &c, 1) != 1) return {};
@@ -474,6 +483,139 @@ void NotifyLatency(benchmark::State& state, bool viaPipe) {
 void Notify_Latency_Pipe(benchmark::State& state) { NotifyLatency(state, true); }
 void Notify_Latency_Memtab(benchmark::State& state) { NotifyLatency(state, false); }
 
+// ------------------------------------------------------------ lossless delivery
+
+// Flags shared by the writer (parent) and the reader (child) below.
+struct Shared {
+  std::atomic<int> mounted{0};
+  std::atomic<int> done{0};      // the writer has written its last change
+  std::atomic<int> finished{0};  // the reader has taken in everything
+  std::atomic<std::uint64_t> fellBehind{0};
+  std::uint8_t changed[kEntries];    // set by the writer
+  std::uint8_t delivered[kEntries];  // set by the reader
+};
+
+constexpr std::uint64_t kLastKey = std::uint64_t{1} << 40;
+
+// The baseline of UpsertWithReader: the same writer with no reader.
+void UpsertNoReader_Memtab(benchmark::State& state) {
+  auto& w = *data().writer;
+  recordRate(state, upsertRate(state, [&](const Value& v) { w.insert(v); }), true);
+}
+
+void UpsertWithReader(benchmark::State& state) {
+  data();
+  const std::string name = tableName() + ".upsert";
+  Memtab::unlinkTable(name);
+  auto* shared = static_cast<Shared*>(
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  new (shared) Shared();
+  double rate = 0, share = 0;
+  {
+    Memtab::Writer<Value> w(name);  // default options: 1 MiB ring
+    for (std::uint64_t id = 0; id < kEntries; ++id) w.insert(makeValue(id, 0));
+    pid_t child = fork();
+    if (child == 0) {
+      Memtab::Reader<Value> r(name);
+      struct Take : Memtab::Notifiee<Id> {
+        Memtab::Reader<Value>* r;
+        Shared* shared;
+        bool last = false;
+        void onKey(const Id& k) override {
+          Value v = r->lookup(k);
+          benchmark::DoNotOptimize(v);
+          if (k.v < kEntries) shared->delivered[k.v] = 1;
+          if (k.v == kLastKey) last = true;
+        }
+      } take;
+      take.r = &r;
+      take.shared = shared;
+      for (;;) {
+        pollfd p{r.fd(), POLLIN, 0};
+        poll(&p, 1, 10);
+        r.processNotifications(take);
+        if (shared->mounted == 0 && r.mountStatus() == Memtab::MountStatus::mounted) shared->mounted = 1;
+        pollfd again{r.fd(), POLLIN, 0};
+        if (shared->done != 0 && take.last && poll(&again, 1, 0) == 0) break;
+      }
+      shared->fellBehind = Memtab::detail::Counters::counter("memtab." + name, "fellBehind").value();
+      shared->finished = 1;
+      _exit(0);
+    }
+    while (shared->mounted == 0) usleep(1000);
+    w.insert(makeValue(kLastKey + 1, 0));  // takes the reader in
+    const auto& probes = data().probes;
+    std::mt19937_64 rng(7);
+    std::uint64_t done = 0, seq = 1;
+    for (auto _ : state) {
+      const double start = cpuNs();
+      for (std::size_t i = 0; i < probes.size(); ++i) {
+        const std::uint64_t id = rng() % kEntries;
+        w.insert(makeValue(id, seq++));
+        shared->changed[id] = 1;
+      }
+      done += probes.size();
+      rate = static_cast<double>(probes.size()) * 1e9 / (cpuNs() - start);
+    }
+    w.insert(makeValue(kLastKey, 1));
+    shared->done = 1;
+    waitpid(child, nullptr, 0);
+    shm_unlink(("/activity." + std::to_string(child)).c_str());
+    std::uint64_t changed = 0, delivered = 0;
+    for (std::size_t i = 0; i < kEntries; ++i) {
+      changed += shared->changed[i];
+      delivered += shared->changed[i] & shared->delivered[i];
+    }
+    share = changed == 0 ? 0 : static_cast<double>(delivered) / static_cast<double>(changed);
+    state.counters["changedKeys"] = static_cast<double>(changed);
+    state.counters["fellBehind"] = static_cast<double>(shared->fellBehind.load());
+  }
+  Memtab::unlinkTable(name);
+  munmap(shared, sizeof(Shared));
+  state.counters["delivered"] = share;
+  recordRate(state, rate, false);
+}
+
+void CatchUp(benchmark::State& state) {
+  const std::string name = tableName() + ".catchup";
+  Memtab::unlinkTable(name);
+  Memtab::Options o;
+  o.ringBytes = 64u << 10;
+  Memtab::Writer<Value> w(name, o);
+  for (std::uint64_t id = 0; id < kEntries; ++id) w.insert(makeValue(id, 0));
+  struct Count : Memtab::Notifiee<Id> {
+    Memtab::Reader<Value>* r;
+    std::uint64_t keys = 0;
+    void onKey(const Id& k) override {
+      Value v = r->lookup(k);
+      benchmark::DoNotOptimize(v);
+      ++keys;
+    }
+  } count;
+  Memtab::Reader<Value> r(name);
+  count.r = &r;
+  r.processNotifications(count);  // first mapping: the shadow is filled
+  const double shadowBytes = static_cast<double>(r.shadowBytes()) / static_cast<double>(kEntries);
+  double seconds = 0, cpuSeconds = 0;
+  std::uint64_t seq = 1;
+  for (auto _ : state) {
+    for (std::uint64_t id = 0; id < kEntries; ++id) w.insert(makeValue(id, seq));
+    ++seq;
+    count.keys = 0;
+    const std::uint64_t start = nowNs();
+    const double cpuStart = cpuNs();
+    r.processNotifications(count);
+    cpuSeconds = (cpuNs() - cpuStart) / 1e9;
+    seconds = static_cast<double>(nowNs() - start) / 1e9;
+    state.SetIterationTime(seconds);
+  }
+  state.counters["seconds"] = seconds;
+  state.counters["cpuSeconds"] = cpuSeconds;
+  state.counters["keysDelivered"] = static_cast<double>(count.keys);
+  state.counters["shadowBytesPerKey"] = shadowBytes;
+  Memtab::unlinkTable(name);
+}
+
 BENCHMARK(Lookup_UnorderedMap)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(Lookup_Memtab)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(Lookup8Proc_UnorderedMap)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -486,5 +628,8 @@ BENCHMARK(Notify_Throughput_Pipe)->Iterations(1)->UseManualTime()->Unit(benchmar
 BENCHMARK(Notify_Throughput_Memtab)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(Notify_Latency_Pipe)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(Notify_Latency_Memtab)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(UpsertNoReader_Memtab)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(UpsertWithReader)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(CatchUp)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

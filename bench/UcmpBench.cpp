@@ -1,11 +1,18 @@
-// The weight rebase: the reference growth loop against the fast loop, side by
-// side on the same inputs, with the ratio reference / fast per input at the
-// end of the run.
+// The weight rebase: the reference growth loop against the fast path (the
+// growth as a schedule), side by side on the same inputs, with the ratio
+// reference / fast per input at the end of the run, and the balanced rebase's
+// time on the same weights and budget beside them.
 //
 // Inputs: n next hops with weights drawn once from a fixed seed (uniform in
-// [1, 100), like mixed link bandwidths), budgets 64, 4096 and 65535, weight
-// deviations 0.0 (grow until every share is exact or the budget runs out) and
-// 0.05.
+// [1, 100), like mixed link bandwidths), n 8, 64, 512 and 1024, budgets 64,
+// 4096 and 65535, weight deviations 0.0 (grow until every share is exact or
+// the budget runs out) and 0.05.
+//
+// Then, not timed: the worst next hop's share of its ideal share,
+// (w_k / sum w) / (in_k / sum in), that the growth loop (deviation 0) and the
+// balanced rebase give the same random groups (8 to 128 next hops, weights
+// uniform in [1, 100), 200 groups per budget).
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <random>
@@ -71,16 +78,23 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
   }
   void printRatios() const {
-    std::printf("\n%-30s %14s %14s %10s\n", "input (median CPU time)", "reference", "fast",
-                "ref/fast");
+    std::printf("\n%-30s %12s %12s %9s %12s\n", "input (median CPU time)", "reference", "fast",
+                "ref/fast", "balanced");
     for (const std::string& input : order_) {
       if (times_.count(input) == 0) continue;  // filtered out
       const auto& byPath = times_.at(input);
-      const auto ref = byPath.find("reference");
-      const auto fast = byPath.find("fast");
-      if (ref == byPath.end() || fast == byPath.end()) continue;
-      std::printf("%-30s %11.1f us %11.1f us %9.1fx\n", input.c_str(), ref->second, fast->second,
-                  ref->second / fast->second);
+      auto timeOf = [&](const char* path) {
+        const auto it = byPath.find(path);
+        return it == byPath.end() ? 0.0 : it->second;
+      };
+      const double ref = timeOf("reference"), fast = timeOf("fast"), balanced = timeOf("balanced");
+      std::printf("%-30s %9.2f us %9.2f us", input.c_str(), ref, fast);
+      if (fast > 0 && ref > 0)
+        std::printf(" %8.1fx", ref / fast);
+      else
+        std::printf(" %9s", "-");
+      if (balanced > 0) std::printf(" %9.2f us", balanced);
+      std::printf("\n");
     }
   }
 
@@ -89,17 +103,50 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, std::map<std::string, double>> times_;
 };
 
+// The balanced rebase as a path of the table: the deviation does not apply.
+RebaseOutcome balanced(std::vector<double> in, uint64_t maxUcmp, float) {
+  RoutingLib::detail::BalancedOutcome b = RoutingLib::detail::rebaseBalanced(in, maxUcmp);
+  return {b.status, std::move(b.weights)};
+}
+
+// Worst share of its ideal, loop against balanced, on the same random groups.
+void printWorstShares() {
+  std::printf("\n%-14s %-10s %8s %8s %8s %8s\n", "worst share", "rebase", "min", "p10",
+              "median", "max");
+  for (uint64_t maxUcmp : {uint64_t{512}, uint64_t{4096}, uint64_t{65535}}) {
+    std::mt19937_64 rng(0x5ca1e + maxUcmp);
+    std::vector<double> loop, best;
+    for (int g = 0; g < 200; ++g) {
+      const size_t n = std::uniform_int_distribution<size_t>(8, 128)(rng);
+      std::uniform_real_distribution<double> dist(1.0, 100.0);
+      std::vector<double> w(n);
+      for (double& x : w) x = dist(rng);
+      loop.push_back(RoutingLib::detail::worstShareOf(
+          w, RoutingLib::detail::rebaseFast(w, maxUcmp, 0.0f).weights));
+      best.push_back(RoutingLib::detail::rebaseBalanced(w, maxUcmp).worstShare);
+    }
+    for (auto* shares : {&loop, &best}) {
+      std::sort(shares->begin(), shares->end());
+      std::printf("maxUcmp %-6llu %-10s %7.1f%% %7.1f%% %7.1f%% %7.1f%%\n",
+                  static_cast<unsigned long long>(maxUcmp), shares == &loop ? "loop" : "balanced",
+                  100 * shares->front(), 100 * (*shares)[shares->size() / 10],
+                  100 * (*shares)[shares->size() / 2], 100 * shares->back());
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::vector<Input> inputs;
-  for (size_t n : {8, 64, 512})
+  for (size_t n : {8, 64, 512, 1024})
     for (uint64_t maxUcmp : {64, 4096, 65535})
       for (float deviation : {0.0f, 0.05f}) inputs.push_back({n, maxUcmp, deviation});
   for (const Input& in : inputs) {
     const std::pair<const char*, RebaseFn> paths[] = {
         {"reference", &RoutingLib::detail::rebaseReference},
-        {"fast", &RoutingLib::detail::rebaseFast}};
+        {"fast", &RoutingLib::detail::rebaseFast},
+        {"balanced", &balanced}};
     for (const auto& [path, fn] : paths) {
       auto* b = benchmark::RegisterBenchmark((std::string(path) + "/" + in.key()).c_str(), run,
                                              fn, in.n, in.maxUcmp, in.deviation);
@@ -120,6 +167,7 @@ int main(int argc, char** argv) {
   RatioReporter reporter(std::move(order));
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.printRatios();
+  printWorstShares();
   benchmark::Shutdown();
   return 0;
 }

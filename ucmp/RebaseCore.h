@@ -10,10 +10,10 @@
 //   - rebaseReference: the literal growth loop, which rescans every entry
 //     after each single increment (about maxUcmp x n ratio evaluations) and
 //     writes every level-3 trace line, one per scanned entry of every scan.
-//   - rebaseFast: the same outcome, bit for bit, with about two ratio
-//     evaluations per increment and a few per entry. It writes the level-2
-//     lines and the level-3 input and output lines, but not the per-scan
-//     lines.
+//   - rebaseFast: the same outcome, bit for bit, as a schedule of the
+//     increments: a few instructions per increment and per entry and window,
+//     never a rescan. It writes the level-2 lines and the level-3 input and
+//     output lines, but not the per-scan lines.
 //   - rebase: the one callers use. It runs rebaseReference when level 3 of the
 //     "UcmpWeightRebase" trace handle is on, so the trace is exact, and
 //     rebaseFast otherwise.
@@ -45,5 +45,25 @@ struct RebaseOutcome {
 RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
+
+// The balanced rebase: integer weights within the budget that maximise the
+// worst positive input's share of its ideal share, (w_k / sum w) / (in_k /
+// sum in). Inputs must be finite and not negative with a positive one among
+// them (fatal assertions "std::isfinite(inWeight) && inWeight >= 0",
+// "!inWeights.empty()", "sumOfWeights != 0"). Zero inputs get 0. With fewer
+// entries than positive inputs, the largest get 1 (status truncated);
+// otherwise every positive input gets at least 1 (status success). Of
+// equally good weights, the smallest total. `worstShare` is the result's
+// worst share of its ideal (0 when truncated).
+struct BalancedOutcome {
+  RebaseStatus status;
+  std::vector<uint32_t> weights;
+  double worstShare;
+};
+BalancedOutcome rebaseBalanced(const std::vector<double>& in, uint64_t maxUcmp);
+
+// The worst share of its ideal among the positive inputs: min over them of
+// (weights[k] / sum of weights) / (in[k] / sum of positive in).
+double worstShareOf(const std::vector<double>& in, const std::vector<uint32_t>& weights);
 
 }  // namespace RoutingLib::detail

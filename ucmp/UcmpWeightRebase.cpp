@@ -3,12 +3,15 @@
 // The reference growth loop is kept literally as designed: after every single
 // increment it rescans the entries from the largest ideal share, so its cost
 // is about maxUcmp x n ratio evaluations, and it is the only loop that can
-// write the per-scan level-3 trace. The fast loop reaches the same weights by
-// a different route, see growFast.
+// write the per-scan level-3 trace. The fast path reaches the same weights as
+// a schedule, see growScheduled; the balanced rebase is a separate function
+// with its own goal, see rebaseBalanced.
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -264,160 +267,360 @@ inline uint64_t dueTotal(uint32_t weight, double optimalRatio, double perWeight,
             : dueTotalSearch(weight, optimalRatio, cut, lo, hi, guess, false);
 }
 
-// Due totals filed by the running total at which they fall due, and the set
-// of positions due now. The total only ever grows by one, so a ring of W
-// buckets holds what falls due within the next W totals; later ones wait in
-// a far list that is sorted into the ring each time the total reaches a
-// multiple of W (W >= n, so that costs at most one look per entry and
-// increment). The due set is a two-level bitset over sorted positions, whose
-// first set bit is the entry the reference scan would pick.
-class DueCalendar {
- public:
-  DueCalendar(size_t n, uint64_t total)
-      : ring_(std::bit_ceil(std::max<size_t>(n, 64))),
-        head_(ring_, kNone),
-        next_(n, kNone),
-        word_((n + 63) / 64, 0),
-        summary_((word_.size() + 63) / 64, 0) {
-    far_.reserve(n);
-  }
+// ---------------------------------------------------------------------------
+// The scheduled growth: the reference loop's outcome without its rescans.
+//
+// At a fixed weight an entry's test turns from false to true, for good, as
+// the total grows (floor above 0). So weight w of entry k has a due total
+// D_k(w), the first total at which it is under-served, and D_k does not fall
+// as w grows. Step t of the loop (the increment that raises the total from t
+// to t + 1) goes to the first entry in sorted order with D_k(w_k) <= t. That
+// is a fixed-priority schedule of unit jobs: entry k's w-th job arrives at
+// D_k(w) and may run in a step that no entry before it takes. Taking the
+// entries in sorted order, each one's jobs go, in turn, to the first step at
+// or after their arrival that no earlier entry took. A step that no entry
+// takes is one at which no entry was under-served: the loop converged there.
+//
+// The steps are taken a window at a time, so the work is one look per entry
+// and window plus one per increment, each a multiplication and a bit taken
+// from a word (the test's two divisions only where the closed form is too
+// close to an integer to trust). The increments themselves are still walked:
+// where the loop converges is the first total at which the entries' rounding
+// up, a sum of n saw-tooth functions of the total, drains to zero, and which
+// entries a budget that runs out has starved depends on when that sum came
+// close to zero before; neither has a closed form. Where the loop usually
+// converges well within the budget, the convergence is found by counting
+// jobs, without placing them.
+//
+// Floor 0 is different (an entry's test turns from true to false as the
+// total grows) and has a closed form of its own, growAtFloorZero.
 
-  // Files position k, due at `due`, when the running total is `total`.
-  void file(size_t k, uint64_t due, uint64_t total) {
-    if (due <= total) {
-      setDue(k);
-    } else if (due == kNever) {
-      // Its weight no longer changes, so it never falls due.
-    } else if (due - total <= ring_) {
-      toBucket(k, due);
-    } else {
-      far_.push_back({due, k});
-    }
-  }
+// The longest window: its free-step bits (512 bytes) and, when counting, its
+// arrival counts (16 KiB) live on the stack.
+constexpr size_t kWindowSlots = 4096;
 
-  // The running total has grown to `total`: what falls due at it joins the set.
-  void advanceTo(uint64_t total) {
-    const size_t b = static_cast<size_t>(total & (ring_ - 1));
-    for (size_t k = std::exchange(head_[b], kNone); k != kNone; k = next_[k]) setDue(k);
-    if (b != 0) return;
-    // Nothing in the far list was due before the ring could hold it.
-    size_t kept = 0;
-    for (const Far& f : far_) {
-      if (f.due - total <= ring_)
-        toBucket(f.position, f.due);
-      else
-        far_[kept++] = f;
-    }
-    far_.resize(kept);
-  }
-
-  // The first position due now, or npos.
-  size_t firstDue() const {
-    for (size_t s = 0; s < summary_.size(); ++s) {
-      if (summary_[s] == 0) continue;
-      const size_t w = s * 64 + static_cast<size_t>(std::countr_zero(summary_[s]));
-      return w * 64 + static_cast<size_t>(std::countr_zero(word_[w]));
-    }
-    return npos;
-  }
-
-  void clearDue(size_t k) {
-    uint64_t& w = word_[k / 64];
-    w &= ~(uint64_t{1} << (k % 64));
-    if (w == 0) summary_[k / 4096] &= ~(uint64_t{1} << (k / 64 % 64));
-  }
-
-  static constexpr size_t npos = static_cast<size_t>(-1);
-
- private:
-  static constexpr size_t kNone = static_cast<size_t>(-1);
-  struct Far {
-    uint64_t due;
-    size_t position;
-  };
-
-  void toBucket(size_t k, uint64_t due) {
-    const size_t b = static_cast<size_t>(due & (ring_ - 1));
-    next_[k] = head_[b];
-    head_[b] = k;
-  }
-
-  void setDue(size_t k) {
-    word_[k / 64] |= uint64_t{1} << (k % 64);
-    summary_[k / 4096] |= uint64_t{1} << (k / 64 % 64);
-  }
-
-  size_t ring_;               // a power of two
-  std::vector<size_t> head_;  // per bucket, the first position filed there
-  std::vector<size_t> next_;  // per position, the next one in its bucket
-  std::vector<Far> far_;
-  std::vector<uint64_t> word_;     // bit k: position k is due
-  std::vector<uint64_t> summary_;  // bit w: word w is not 0
+struct Job {
+  double optimalRatio;
+  double perWeight;  // 1 / (optimalRatio x cut): the due total of weight w is about w x perWeight
+  uint64_t due;      // due total of the entry's current weight (kNever or past the budget: never)
+  uint32_t weight;
+  bool closedForm;          // perWeight is accurate enough to trust away from integers
 };
 
-// The growth loop without rescans. At a fixed weight, an entry's test can only
-// turn from false to true as the total grows: weight / total falls, so does
-// oversub (for a share that is not negative). So each entry has a due total,
-// the first total at which it is under-served, and the entry the reference
-// scan would pick is the first in sorted order whose due total has come. Only
-// the entry that grows changes its due total.
-//
-// With floor 0 a negative share is under-served only while its |oversub| is
-// large, which shrinks as the total grows: inputs with negative weights and
-// deviation 1 run the reference loop.
-void growFast(Rebase& r) {
+// The due total of `weight` from the closed form, or 0 when the test must
+// decide. w x perWeight is within a few units in the last place of the real
+// boundary w / (optimalRatio x cut), and the test's oversub (two roundings)
+// is as close to its real value: so when the product is farther than 1e-13
+// of itself from every integer, the first total above it is the first
+// total the test accepts. Near an integer (exact fractions: equal or
+// integer-ratio weights) the test itself settles it. The result may lie
+// below the first step: due from the start.
+inline uint64_t closedFormDue(double perWeight, uint32_t weight) {
+  const double x = weight * perWeight;
+  if (!(x < 1e12)) return 0;
+  const auto whole = static_cast<uint64_t>(x);
+  const double frac = x - static_cast<double>(whole);  // exact
+  const double margin = x * 1e-13;
+  if (frac > margin && 1.0 - frac > margin) return whole + 1;
+  return 0;
+}
+
+// The free steps of one window [first, first + size), one bit each, with a
+// summary word of the words that still have one.
+class StepWindow {
+ public:
+  void reset(uint64_t first, size_t size) {
+    first_ = first;
+    size_ = size;
+    words_ = (size + 63) / 64;
+    free_ = size;
+    for (size_t i = 0; i + 1 < words_; ++i) bits_[i] = ~uint64_t{0};
+    const size_t tail = size - (words_ - 1) * 64;
+    bits_[words_ - 1] = tail == 64 ? ~uint64_t{0} : (uint64_t{1} << tail) - 1;
+    nonEmpty_ = words_ == 64 ? ~uint64_t{0} : (uint64_t{1} << words_) - 1;
+  }
+  uint64_t first() const { return first_; }
+  uint64_t end() const { return first_ + size_; }
+  size_t freeCount() const { return free_; }
+
+  // One entry's jobs, the first due at `due`: each takes the first free step
+  // at or after its due total, the next one's due total coming from
+  // dueOf(weight) once the weight has grown, until a job is due at or past
+  // end() or no step is left for it. Returns the due total of the first job
+  // left; sets `wrapped` (the weight at its limit) when the weight reaches
+  // the largest unsigned 32-bit value.
+  template <typename DueOf>
+  uint64_t takeJobs(uint64_t due, uint32_t& weight, DueOf dueOf, bool& wrapped) {
+    uint64_t* const bits = bits_;
+    uint64_t nonEmpty = nonEmpty_;
+    const uint64_t first = first_;
+    const uint64_t end = first_ + size_;
+    uint32_t w = weight;
+    size_t taken = 0;
+    for (;;) {
+      const auto i = static_cast<size_t>(due > first ? due - first : 0);
+      size_t word = i / 64;
+      uint64_t m = bits[word] & (~uint64_t{0} << (i % 64));
+      if (m == 0) {
+        // The next word with a free step, from the summary.
+        const uint64_t later = word == 63 ? 0 : nonEmpty & (~uint64_t{0} << (word + 1));
+        if (later == 0) goto done;
+        word = static_cast<size_t>(std::countr_zero(later));
+        m = bits[word];
+      }
+      bits[word] ^= m & (~m + 1);  // the lowest free bit at or after the due total
+      if (bits[word] == 0) nonEmpty &= ~(uint64_t{1} << word);
+      ++taken;
+      if (++w == ~uint32_t{0}) {
+        wrapped = true;
+        goto done;
+      }
+      due = dueOf(w);
+      if (due >= end) break;
+    }
+  done:
+    nonEmpty_ = nonEmpty;
+    free_ -= taken;
+    weight = w;
+    return due;
+  }
+
+  // The first free step, or kNever.
+  uint64_t firstFree() const {
+    if (nonEmpty_ == 0) return kNever;
+    const auto w = static_cast<size_t>(std::countr_zero(nonEmpty_));
+    return first_ + w * 64 + static_cast<uint64_t>(std::countr_zero(bits_[w]));
+  }
+
+ private:
+  uint64_t first_ = 0;
+  size_t size_ = 0;
+  size_t words_ = 0;
+  size_t free_ = 0;
+  uint64_t nonEmpty_ = 0;  // bit w: word w has a free step
+  static_assert(kWindowSlots <= 64 * 64, "one summary word");
+  uint64_t bits_[kWindowSlots / 64];
+};
+
+// Floor 0: only a share of -0 or a negative one can be under-served (its
+// |oversub| above the smallest normal double). An entry that is not at the
+// first step never is later (the total grows, its weight does not), and one
+// that is stays so while it grows (weight / total only rises). So the first
+// entry under-served at the first step takes every step, or none is and the
+// loop converges at once.
+void growAtFloorZero(Rebase& r) {
+  for (WeightEntry& e : r.entries) {
+    const double weightRatio = e.weight / static_cast<double>(r.total);
+    if (!underServed(weightRatio / e.optimalRatio, r.floor)) continue;
+    const uint64_t steps = r.maxUcmp - r.total;
+    if (steps > std::numeric_limits<uint32_t>::max() - e.weight) {
+      growReference(r);  // the weight would wrap; only the loop knows what follows
+      return;
+    }
+    e.weight += static_cast<uint32_t>(steps);
+    r.total = r.maxUcmp;
+    break;
+  }
+  budgetSpent(r);
+}
+
+// Window sizes: a window costs one look per entry besides its steps, so
+// windows grow from about n steps; but around the total where the loop
+// usually converges (the entries' rounding up, about n / 2 in all, drains at
+// 1 - floor per step) they stay that small, so that little is done past the
+// convergence.
+class WindowSizes {
+ public:
+  WindowSizes(size_t n, double cut)
+      : base_(std::min(kWindowSlots, std::max<size_t>(16, 2 * n))),
+        size_(base_),
+        usual_(static_cast<double>(n) / (2.0 * (1.0 - cut))) {}
+
+  // The size of the window from `first`, at most up to `hi`.
+  size_t next(uint64_t first, uint64_t hi) {
+    const size_t size = static_cast<size_t>(std::min<uint64_t>(size_, hi - first + 1));
+    const double end = static_cast<double>(first + size);
+    size_ = end + 2.0 * static_cast<double>(size_) >= 0.5 * usual_ && end <= 2.0 * usual_
+                ? base_
+                : std::min(kWindowSlots, size_ * 2);
+    return size;
+  }
+  double usualConvergence() const { return usual_; }
+
+ private:
+  size_t base_;
+  size_t size_;
+  double usual_;
+};
+
+struct Schedule {
+  Job* jobs;
+  size_t n;
+  double cut;
+  uint64_t lo;  // the first step
+  uint64_t hi;  // the last step the budget allows
+
+  uint64_t dueOf(const Job& j, uint32_t weight, uint64_t first) const {
+    const uint64_t t = j.closedForm ? closedFormDue(j.perWeight, weight) : 0;
+    return t != 0 ? t : dueTotal(weight, j.optimalRatio, j.perWeight, cut, first, hi);
+  }
+
+  void reset(const std::vector<WeightEntry>& entries) {
+    for (size_t k = 0; k < n; ++k) {
+      Job& j = jobs[k];
+      j.weight = entries[k].weight;
+      j.due = dueOf(j, j.weight, lo);
+    }
+  }
+
+  // Every weight at the convergence step, from weights at or above it: the
+  // first weight not due there (every job due by then ran before it). A
+  // guess from the closed form, checked on both sides, else a count down.
+  void settleAt(uint64_t converged) {
+    for (size_t k = 0; k < n; ++k) {
+      Job& j = jobs[k];
+      auto dueThere = [&](uint32_t w) { return dueOf(j, w, lo) <= converged; };
+      if (j.weight == 1 || dueThere(j.weight - 1)) continue;
+      if (j.closedForm) {
+        const double guess = static_cast<double>(converged) / j.perWeight;
+        if (guess >= 1.0 && guess < j.weight - 1) {
+          const auto g = static_cast<uint32_t>(guess) + 1;  // 1 < g < weight
+          if (dueThere(g - 1) && !dueThere(g)) {
+            j.weight = g;
+            continue;
+          }
+        }
+      }
+      uint32_t w = j.weight - 1;
+      while (w > 1 && !dueThere(w - 1)) --w;
+      j.weight = w;
+    }
+  }
+
+  // Where the loop converges, counting jobs only: at step t the jobs that
+  // arrived by t plus the n seeds, less the t entries handed out, are the
+  // ones pending. The first step with none pending is the convergence,
+  // whoever ran the earlier steps. kNever when the budget runs out first
+  // (or a weight would wrap). Leaves each job at its first weight not due
+  // by the end of the last window looked at.
+  uint64_t convergenceByCount() {
+    uint32_t arrivals[kWindowSlots];
+    WindowSizes sizes(n, cut);
+    uint64_t arrived = n;
+    for (uint64_t first = lo; first <= hi;) {
+      const size_t size = sizes.next(first, hi);
+      const uint64_t end = first + size;
+      std::fill(arrivals, arrivals + size, 0u);
+      for (size_t k = 0; k < n; ++k) {
+        Job& j = jobs[k];
+        uint64_t due = j.due;
+        if (due >= end) continue;
+        uint32_t weight = j.weight;
+        do {
+          ++arrivals[due <= first ? 0 : due - first];
+          if (++weight == ~uint32_t{0}) return kNever;
+          due = dueOf(j, weight, first);
+        } while (due < end);
+        j.weight = weight;
+        j.due = due;
+      }
+      for (size_t i = 0; i < size; ++i) {
+        arrived += arrivals[i];
+        if (arrived <= first + i) return first + i;
+      }
+      first = end;
+    }
+    return kNever;
+  }
+
+  // The schedule itself. Within a window the entries take their steps in
+  // sorted order; the first free step left is where the loop converged.
+  // kNever when every step up to the budget ran; `wrapped` when a weight
+  // would pass the largest unsigned 32-bit value.
+  uint64_t run(bool& wrapped) {
+    StepWindow window;
+    WindowSizes sizes(n, cut);
+    for (uint64_t first = lo; first <= hi; first = window.end()) {
+      window.reset(first, sizes.next(first, hi));
+      const uint64_t end = window.end();
+      for (size_t k = 0; k < n; ++k) {
+        Job& j = jobs[k];
+        if (j.due >= end) continue;
+        if (window.freeCount() == 0) break;
+        if (j.closedForm) {
+          j.due = window.takeJobs(j.due, j.weight, [&](uint32_t w) {
+            const uint64_t t = closedFormDue(j.perWeight, w);
+            return t != 0 ? t : dueTotal(w, j.optimalRatio, j.perWeight, cut, first, hi);
+          }, wrapped);
+        } else {
+          j.due = window.takeJobs(j.due, j.weight, [&](uint32_t w) {
+            return dueTotal(w, j.optimalRatio, j.perWeight, cut, first, hi);
+          }, wrapped);
+        }
+        if (wrapped) return kNever;
+      }
+      const uint64_t converged = window.firstFree();
+      if (converged != kNever) return converged;
+    }
+    return kNever;
+  }
+};
+
+// The growth loop as a schedule (see above). Where the loop usually
+// converges well within the budget, the convergence is looked for first by
+// counting jobs, which is cheaper than placing them; the schedule runs when
+// the budget runs out first, since then the weights depend on who ran when.
+void growScheduled(Rebase& r) {
   if (budgetSpent(r)) return;
-  if (r.floor == 0.0 && std::any_of(r.entries.begin(), r.entries.end(),
-                                    [](const WeightEntry& e) { return e.optimalRatio < 0; })) {
-    growReference(r);
+  if (r.floor == 0.0) {
+    growAtFloorZero(r);
     return;
   }
   const double cut = overSubCut(r.floor);
-  const uint64_t hi = r.maxUcmp - 1;
   const size_t n = r.entries.size();
-  auto perWeightOf = [&](const WeightEntry& e) { return 1.0 / (e.optimalRatio * cut); };
-  auto dueOf = [&](const WeightEntry& e, double perWeight) {
-    return dueTotal(e.weight, e.optimalRatio, perWeight, cut, r.total, hi);
-  };
+  // Small groups keep their jobs on the stack.
+  constexpr size_t kLocal = 32;
+  Job local[kLocal];
+  std::vector<Job> heap(n > kLocal ? n : 0);
+  Schedule s{n > kLocal ? heap.data() : local, n, cut, r.total, r.maxUcmp - 1};
+  for (size_t k = 0; k < n; ++k) {
+    const double optimalRatio = r.entries[k].optimalRatio;
+    Job& j = s.jobs[k];
+    j.optimalRatio = optimalRatio;
+    j.perWeight = 1.0 / (optimalRatio * cut);
+    j.closedForm = optimalRatio >= 1e-290 && optimalRatio <= 1e290 && j.perWeight > 0 &&
+                   j.perWeight < 1e290;
+  }
+  s.reset(r.entries);
 
-  // Few entries: a linear pass over due totals kept on the stack beats the
-  // calendar and its allocations.
-  constexpr size_t kLinear = 16;
-  if (n <= kLinear) {
-    uint64_t due[kLinear];
-    double perWeight[kLinear];
-    for (size_t k = 0; k < n; ++k) {
-      perWeight[k] = perWeightOf(r.entries[k]);
-      due[k] = dueOf(r.entries[k], perWeight[k]);
-    }
-    for (;;) {
-      size_t k = 0;
-      while (k < n && due[k] > r.total) ++k;
-      if (k == n) return;
-      ++r.entries[k].weight;
-      if (++r.total >= r.maxUcmp) break;
-      due[k] = dueOf(r.entries[k], perWeight[k]);
-    }
-  } else {
-    std::vector<double> perWeight(n);
-    DueCalendar calendar(n, r.total);
-    for (size_t k = 0; k < n; ++k) {
-      perWeight[k] = perWeightOf(r.entries[k]);
-      calendar.file(k, dueOf(r.entries[k], perWeight[k]), r.total);
-    }
-    for (;;) {
-      const size_t k = calendar.firstDue();
-      if (k == DueCalendar::npos) return;
-      ++r.entries[k].weight;
-      if (++r.total >= r.maxUcmp) break;
-      calendar.advanceTo(r.total);
-      const uint64_t due = dueOf(r.entries[k], perWeight[k]);
-      if (due > r.total) {
-        calendar.clearDue(k);
-        calendar.file(k, due, r.total);
-      }
+  // Counting needs every entry to have at most about one job per step: no
+  // share above 1 (or under-served at any weight, as a negative one or -0 is).
+  const bool countable = std::all_of(r.entries.begin(), r.entries.end(), [](const WeightEntry& e) {
+    return std::isnan(e.optimalRatio) ||
+           (e.optimalRatio <= 1.0 && e.optimalRatio >= 0.0 && !std::signbit(e.optimalRatio));
+  });
+  uint64_t converged = kNever;
+  bool counted = false;
+  if (countable && WindowSizes(n, cut).usualConvergence() < 0.5 * static_cast<double>(r.maxUcmp)) {
+    converged = s.convergenceByCount();
+    counted = converged != kNever;
+    if (!counted) s.reset(r.entries);
+  }
+  if (!counted) {
+    bool wrapped = false;
+    converged = s.run(wrapped);
+    if (wrapped) {  // only the loop knows what follows; nothing is written yet
+      growReference(r);
+      return;
     }
   }
+  if (converged != kNever) {
+    s.settleAt(converged);
+    r.total = converged;
+  } else {
+    r.total = r.maxUcmp;
+  }
+  for (size_t k = 0; k < n; ++k) r.entries[k].weight = s.jobs[k].weight;
   budgetSpent(r);
 }
 
@@ -438,8 +641,126 @@ RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float we
 
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
   Rebase r = start(in, maxUcmp, weightDeviation);
-  growFast(r);
+  growScheduled(r);
   return finish(r);
+}
+
+// ---------------------------------------------------------------------------
+// The balanced rebase.
+//
+// For a total W and integer weights w_k summing to it, member k's share of
+// its ideal is (w_k / W) / (in_k / S). Scaled by the largest input (q_k =
+// in_k / max), the best worst share at total W needs w_k >= mu x q_k for the
+// largest mu possible: w_k = ceil(mu x q_k), an apportionment by the divisor
+// method that rounds up (every positive input gets at least 1). Between the
+// points where some ceil(mu x q_k) steps up, the total A(mu) stays put while
+// mu grows, so the worst share, mu x Q / A(mu) (Q the sum of the q_k), is
+// best just before a step: at mu = w_k / q_k for a member's current weight.
+// The walk visits those points in increasing order while A(mu) fits the
+// budget and keeps the best; of equal bests (within a relative 1e-12, the
+// rounding of the shares), the first, the smallest total, wins, so exact
+// fits come back in lowest terms. About maxUcmp heap steps.
+
+namespace {
+
+struct Seat {
+  double next;  // mu at which this member's weight steps up: weight / q
+  size_t k;
+  bool operator>(const Seat& o) const { return next > o.next || (next == o.next && k > o.k); }
+};
+
+// The weight of a member of scaled input q at mu: the least w >= 1 with
+// w / q >= mu, in the same rounding as the walk's keys.
+uint64_t seatsAt(double mu, double q) {
+  if (!(mu / q < 1e18)) return 1;  // also q 0 (the member never steps up)
+  auto w = static_cast<uint64_t>(std::max(1.0, std::ceil(mu * q)));
+  while (w > 1 && static_cast<double>(w - 1) / q >= mu) --w;
+  while (static_cast<double>(w) / q < mu) ++w;
+  return w;
+}
+
+}  // namespace
+
+BalancedOutcome rebaseBalanced(const std::vector<double>& in, uint64_t maxUcmp) {
+  UCMP_ASSERT(!in.empty(), "!inWeights.empty()");
+  double largest = 0.0;
+  for (double w : in) {
+    UCMP_ASSERT(std::isfinite(w) && w >= 0.0, "std::isfinite(inWeight) && inWeight >= 0");
+    largest = std::max(largest, w);
+  }
+  UCMP_ASSERT(largest > 0.0, "sumOfWeights != 0");
+  const size_t n = in.size();
+  BalancedOutcome out{RebaseStatus::success, std::vector<uint32_t>(n, 0), 0.0};
+  std::vector<size_t> members;  // positive inputs, largest first, then by position
+  for (size_t k = 0; k < n; ++k)
+    if (in[k] > 0.0) members.push_back(k);
+  std::stable_sort(members.begin(), members.end(),
+                   [&](size_t a, size_t b) { return in[a] > in[b]; });
+  if (maxUcmp < members.size()) {
+    // Not one entry each: the largest get one, the rest (and every share's
+    // worst) nothing.
+    for (size_t i = 0; i < maxUcmp; ++i) out.weights[members[i]] = 1;
+    out.status = RebaseStatus::truncated;
+    return out;
+  }
+
+  std::vector<double> q(n, 0.0);
+  double sumQ = 0.0;
+  for (size_t k : members) {
+    q[k] = in[k] / largest;
+    sumQ += q[k];
+  }
+  std::vector<Seat> heap;
+  heap.reserve(members.size());
+  for (size_t k : members) heap.push_back({1.0 / q[k], k});
+  std::make_heap(heap.begin(), heap.end(), std::greater<>());
+  std::vector<uint64_t> seats(n, 0);
+  for (size_t k : members) seats[k] = 1;
+  uint64_t total = members.size();
+  double bestMu = 0.0;
+  double bestShare = -1.0;
+  while (total <= maxUcmp && !heap.empty() && std::isfinite(heap.front().next)) {
+    const double mu = heap.front().next;
+    const double share = mu * sumQ / static_cast<double>(total);
+    // Better by more than rounding: equal bests keep the smaller total.
+    if (share > bestShare * (1.0 + 1e-12)) {
+      bestShare = share;
+      bestMu = mu;
+    }
+    // Every member whose weight steps up at mu does so together.
+    while (!heap.empty() && heap.front().next == mu) {
+      std::pop_heap(heap.begin(), heap.end(), std::greater<>());
+      Seat& s = heap.back();
+      ++seats[s.k];
+      ++total;
+      s.next = static_cast<double>(seats[s.k]) / q[s.k];
+      std::push_heap(heap.begin(), heap.end(), std::greater<>());
+    }
+  }
+  if (bestShare < 0.0) {
+    // No step fits (or none exists): one each, the seed.
+    for (size_t k : members) out.weights[k] = 1;
+  } else {
+    for (size_t k : members) out.weights[k] = static_cast<uint32_t>(seatsAt(bestMu, q[k]));
+  }
+  out.worstShare = worstShareOf(in, out.weights);
+  return out;
+}
+
+double worstShareOf(const std::vector<double>& in, const std::vector<uint32_t>& weights) {
+  double sum = 0.0;
+  uint64_t total = 0;
+  for (size_t k = 0; k < in.size(); ++k) {
+    if (in[k] > 0.0) sum += in[k];
+    total += weights[k];
+  }
+  double worst = std::numeric_limits<double>::infinity();
+  for (size_t k = 0; k < in.size(); ++k) {
+    if (!(in[k] > 0.0)) continue;
+    const double share = total == 0 ? 0.0 : static_cast<double>(weights[k]) / static_cast<double>(total);
+    worst = std::min(worst, share / (in[k] / sum));
+  }
+  return std::isfinite(worst) ? worst : 0.0;
 }
 
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
@@ -491,6 +812,11 @@ UcmpRebaseResult rebaseWeights(std::vector<uint32_t> inWeights, uint64_t maxUcmp
                                float weightDeviation) {
   return rebaseWeights(std::vector<double>(inWeights.begin(), inWeights.end()), maxUcmp,
                        weightDeviation);
+}
+
+UcmpRebaseResult rebaseWeightsBalanced(const std::vector<double>& inWeights, uint64_t maxUcmp) {
+  const detail::BalancedOutcome balanced = detail::rebaseBalanced(inWeights, maxUcmp);
+  return resultOf({balanced.status, balanced.weights});
 }
 
 UcmpRebaseResult UcmpWeightsTestHelper::rebaseWeightsTest(const UcmpRebaseTestInput& input) const {

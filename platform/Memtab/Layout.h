@@ -2,7 +2,7 @@
 // the start of the segment and uses fixed-width fields with explicit
 // alignment, so 32-bit and 64-bit processes share a segment.
 //
-//   [Header 256][change ring][heap: bucket array, records, free space ...]
+//   [Header 512][change ring][heap: bucket array, records, free space ...]
 //
 // Bucket array ("index"): blocks of one cache line, each an 8-byte sequence
 // word followed by kBucketsPerBlock 8-byte buckets. A bucket is empty (0) or
@@ -20,7 +20,10 @@
 // bucket store, so a reader sees the old or the new image and never a mix.
 //
 // Change ring: entries of kRingEntryHeader bytes plus an image, published by
-// advancing ringHead; ringReserve is how far the writer may be writing.
+// advancing ringHead; ringReserve is how far the writer may be writing. A
+// key's entry carries the version of the record it wrote (or, for a
+// removal, of the record it removed), so that a reader can tell later
+// whether what it delivered is still what the table holds.
 #pragma once
 
 #include <atomic>
@@ -30,8 +33,9 @@
 namespace Memtab::Shm {
 
 inline constexpr std::uint32_t kMagic = 0x3142544d;  // "MTB1"
-inline constexpr std::uint32_t kLayoutVersion = 1;
-inline constexpr std::size_t kHeaderBytes = 256;
+inline constexpr std::uint32_t kLayoutVersion = 2;
+inline constexpr std::size_t kHeaderBytes = 512;
+inline constexpr std::size_t kTypeNameBytes = 256;  // NUL-terminated
 inline constexpr std::size_t kBlockBytes = 64;
 inline constexpr std::uint32_t kBucketsPerBlock = 7;
 inline constexpr std::uint32_t kTailBlocks = 32;
@@ -58,7 +62,8 @@ struct alignas(64) Header {
   std::uint64_t ringBytes;  // a power of two, or 0 for no ring
   std::atomic<std::uint32_t> writerPid;
   std::atomic<std::uint32_t> writerEpoch;  // one more at every writer attach
-  std::uint8_t reserved0[8];
+  std::atomic<std::uint32_t> readers;      // linked readers, as the writer last counted
+  std::uint32_t reserved0;
   // Written at every change: kept off the line above so that lookups in
   // other processes do not fight the writer for it.
   alignas(64) std::atomic<std::uint64_t> ringHead;
@@ -68,6 +73,8 @@ struct alignas(64) Header {
   std::atomic<std::uint64_t> heapTop;
   std::atomic<std::uint64_t> version;  // last record version handed out
   alignas(64) std::uint8_t reserved1[64];
+  // The value type's name, so that tools can find its registration.
+  char typeName[kTypeNameBytes];
 };
 static_assert(sizeof(Header) == kHeaderBytes);
 
@@ -124,12 +131,19 @@ inline std::uint64_t recordBytes(std::uint32_t imageLength) {
 
 enum class RingKind : std::uint16_t { padding = 0, key = 1, table = 2 };
 
+inline constexpr std::uint8_t kRingErased = 1;  // RingEntry::flags: the key was removed
+
 struct RingEntry {
   std::uint32_t entryBytes;  // header and image, a multiple of 8
   std::uint16_t kind;        // RingKind
-  std::uint16_t reserved;
+  std::uint8_t flags;
+  std::uint8_t versionHigh;  // record version: bits 32..39
   std::uint32_t imageBytes;
-  std::uint32_t reserved2;
+  std::uint32_t versionLow;  // record version: bits 0..31
+
+  std::uint64_t version() const {
+    return (static_cast<std::uint64_t>(versionHigh) << 32) | versionLow;
+  }
 };
 static_assert(sizeof(RingEntry) == kRingEntryHeader);
 

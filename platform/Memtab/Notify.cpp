@@ -40,6 +40,7 @@ constexpr std::uint32_t kHelloMagic = 0x4c4c4548;  // "HELL"
 constexpr std::uint32_t kProtocol = 1;
 constexpr std::size_t kMailboxBytes = 4096;
 constexpr std::size_t kMaxReaders = 1024;
+constexpr std::size_t kLobbyBytes = 64;
 
 struct Hello {
   std::uint32_t magic;
@@ -122,7 +123,7 @@ class Hub {
 
 // ---------------------------------------------------------------- writer side
 
-ReaderLinks::ReaderLinks(const std::string& tableName, gid_t group) : group_(group) {
+ReaderLinks::ReaderLinks(const std::string& tableName, gid_t group, mode_t mode) : group_(group) {
   listen_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
   if (listen_ < 0 || epoll_ < 0) {
@@ -144,10 +145,34 @@ ReaderLinks::ReaderLinks(const std::string& tableName, gid_t group) : group_(gro
   ev.events = EPOLLIN;
   ev.data.fd = listen_;
   epoll_ctl(epoll_, EPOLL_CTL_ADD, listen_, &ev);
+  openLobby(tableName, mode);
+}
+
+void ReaderLinks::openLobby(const std::string& tableName, mode_t mode) {
+  // Without a lobby readers are still served, at the periodic service.
+  const std::string path = lobbyName(tableName);
+  const mode_t lobbyMode = S_IRUSR | S_IWUSR | ((mode & S_IRGRP) != 0 ? S_IRGRP | S_IWGRP : 0);
+  int fd = shm_open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, lobbyMode);
+  if (fd < 0) return;
+  struct stat st;
+  bool ok = fstat(fd, &st) == 0 && st.st_uid == geteuid() && fchmod(fd, lobbyMode) == 0 &&
+            (group_ == static_cast<gid_t>(-1) || fchown(fd, static_cast<uid_t>(-1), group_) == 0) &&
+            (st.st_size >= static_cast<off_t>(kLobbyBytes) ||
+             ftruncate(fd, static_cast<off_t>(kLobbyBytes)) == 0);
+  if (ok) {
+    void* mem = mmap(nullptr, kLobbyBytes, PROT_READ, MAP_SHARED, fd, 0);
+    if (mem != MAP_FAILED) {
+      lobbyMap_ = mem;
+      lobby_ = static_cast<std::atomic<std::uint32_t>*>(mem);
+      servedJoins_ = lobby_->load(std::memory_order_acquire);
+    }
+  }
+  close(fd);
 }
 
 ReaderLinks::~ReaderLinks() {
   while (!links_.empty()) drop(links_.size() - 1);
+  if (lobbyMap_ != nullptr) munmap(lobbyMap_, kLobbyBytes);
   closeFd(listen_);
   closeFd(epoll_);
 }
@@ -165,6 +190,8 @@ void ReaderLinks::doorbell(const Link& link) {
 }
 
 void ReaderLinks::service() {
+  // Joins counted from here on are served by this call or the next one.
+  if (lobby_ != nullptr) servedJoins_ = lobby_->load(std::memory_order_acquire);
   epoll_event events[32];
   int n = epoll_wait(epoll_, events, 32, 0);
   for (int i = 0; i < n; ++i) {
@@ -380,7 +407,22 @@ struct Mount::Link {
     ev.events = EPOLLIN | EPOLLRDHUP;
     ev.data.fd = socket;
     epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &ev);
+    knock();
     return true;
+  }
+  // Tells the writer, through its lobby, that a hello waits for it.
+  void knock() const {
+    int fd = shm_open(lobbyName(tableName).c_str(), O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0) return;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(kLobbyBytes)) {
+      void* mem = mmap(nullptr, kLobbyBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      if (mem != MAP_FAILED) {
+        static_cast<std::atomic<std::uint32_t>*>(mem)->fetch_add(1, std::memory_order_release);
+        munmap(mem, kLobbyBytes);
+      }
+    }
+    close(fd);
   }
   void disconnect() {
     if (socket < 0) return;

@@ -11,6 +11,16 @@
 // A reader that goes away just closes its end; the writer drops it the next
 // time it services its connections.
 //
+// Lobby: the writer must take in a new reader's hello without anyone polling
+// its listening socket, for an agent may publish from a loop that polls
+// nothing. So the writer also keeps a small segment "/memtab-lobby.<name>"
+// holding a join counter; a reader bumps it once its hello is sent, and the
+// writer, at every change, compares it with the count it has served (one
+// load) and services its connections when it moved. The lobby is writable
+// by the readers the table admits (owner, and the table's group when it
+// has one); a reader that cannot open it is served at the writer's next
+// periodic service instead.
+//
 // Mount status comes from three sources: the connection (end of stream:
 // the writer went away), and one inotify watch on /dev/shm shared by every
 // reader of the process (a table created, removed, or touched by a writer
@@ -49,7 +59,7 @@ class ReaderLinks {
   // Throws Cog::NameInUseException when another process holds the socket.
   // Readers whose uid is neither ours nor root are refused, unless their
   // primary group is `group`.
-  ReaderLinks(const std::string& tableName, gid_t group);
+  ReaderLinks(const std::string& tableName, gid_t group, mode_t mode);
   ~ReaderLinks();
   ReaderLinks(const ReaderLinks&) = delete;
   ReaderLinks& operator=(const ReaderLinks&) = delete;
@@ -58,6 +68,10 @@ class ReaderLinks {
   int fd() const { return epoll_; }
   // Accepts readers and drops those that went away; never blocks.
   void service();
+  // A reader has joined since the last service().
+  bool joined() const {
+    return lobby_ != nullptr && lobby_->load(std::memory_order_relaxed) != servedJoins_;
+  }
   // Rings every armed reader.
   void ring() {
     if (links_.empty()) return;
@@ -80,6 +94,7 @@ class ReaderLinks {
     void* mailbox = nullptr;
     std::atomic<std::uint32_t>* armed = nullptr;
   };
+  void openLobby(const std::string& tableName, mode_t mode);
   void accept();
   bool hello(Link& link);
   void drop(std::size_t i);
@@ -87,6 +102,9 @@ class ReaderLinks {
 
   int listen_ = -1;
   int epoll_ = -1;
+  void* lobbyMap_ = nullptr;
+  std::atomic<std::uint32_t>* lobby_ = nullptr;
+  std::uint32_t servedJoins_ = 0;
   gid_t group_;
   std::vector<Link> links_;
 };

@@ -38,7 +38,15 @@ std::string segmentName(std::string_view tableName) {
   return "/memtab." + std::string(tableName);
 }
 
-bool unlinkTable(std::string_view name) { return shm_unlink(segmentName(name).c_str()) == 0; }
+std::string lobbyName(std::string_view tableName) {
+  validateTableName(tableName);
+  return "/memtab-lobby." + std::string(tableName);
+}
+
+bool unlinkTable(std::string_view name) {
+  shm_unlink(lobbyName(name).c_str());
+  return shm_unlink(segmentName(name).c_str()) == 0;
+}
 
 }  // namespace Memtab
 
@@ -59,6 +67,12 @@ std::atomic<std::uint64_t>& word(std::uint8_t* base, std::uint64_t offset) {
 std::uint64_t alignUp(std::uint64_t v, std::uint64_t a) { return (v + a - 1) & ~(a - 1); }
 
 std::string errnoText() { return std::strerror(errno); }
+
+// Raises the failure of a system call on table `name`: "memtab table
+// <name>: <what>: <strerror>", carrying errno.
+[[noreturn]] void systemFailure(const std::string& name, const std::string& what, int error = errno) {
+  throw SystemException("memtab table " + name + ": " + what + ": " + std::strerror(error), error);
+}
 
 // Whether this process can map and size a segment of `bytes` (a 32-bit
 // process cannot map a table a 64-bit writer has grown past 2 GiB).
@@ -87,6 +101,24 @@ View::~View() {
 
 std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, uid_t writerUid,
                                  std::string* why) {
+  return openAs(name, &typeTag, writerUid, why);
+}
+
+std::unique_ptr<View> View::inspect(std::string_view name, std::string* why) {
+  auto v = openAs(name, nullptr, static_cast<uid_t>(-1), why);
+  if (!v && why->empty()) {
+    // Tell a table still being made, or a file that never became one, from
+    // no table at all.
+    struct stat st;
+    if (stat(("/dev/shm" + segmentName(name)).c_str(), &st) == 0) {
+      *why = "segment has no valid header (" + std::to_string(st.st_size) + " bytes)";
+    }
+  }
+  return v;
+}
+
+std::unique_ptr<View> View::openAs(std::string_view name, const std::uint32_t* typeTag,
+                                   uid_t writerUid, std::string* why) {
   std::string path = segmentName(name);
   int fd = shm_open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
@@ -99,7 +131,7 @@ std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, u
     close(fd);
     return nullptr;
   }
-  if (st.st_uid != geteuid() && st.st_uid != 0 && st.st_uid != writerUid) {
+  if (typeTag != nullptr && st.st_uid != geteuid() && st.st_uid != 0 && st.st_uid != writerUid) {
     *why = path + " belongs to uid " + std::to_string(st.st_uid) + ", which this reader does not trust";
     close(fd);
     return nullptr;
@@ -130,14 +162,14 @@ std::unique_ptr<View> View::open(std::string_view name, std::uint32_t typeTag, u
   return v;
 }
 
-bool View::checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why) {
+bool View::checkHeader(const std::uint32_t* typeTag, std::uint64_t fileBytes, std::string* why) {
   const Header* h = header();
   if (h->layoutVersion != kLayoutVersion || h->headerBytes != kHeaderBytes) {
     *why = "segment has layout version " + std::to_string(h->layoutVersion) + ", expected " +
            std::to_string(kLayoutVersion);
     return false;
   }
-  if (h->typeTag != typeTag) {
+  if (typeTag != nullptr && h->typeTag != *typeTag) {
     *why = "segment holds another value type";
     return false;
   }
@@ -173,6 +205,14 @@ void View::remap(std::uint64_t bytes) {
 std::uint64_t View::count() const { return header()->count.load(std::memory_order_relaxed); }
 std::uint32_t View::writerEpoch() const {
   return header()->writerEpoch.load(std::memory_order_acquire);
+}
+std::uint32_t View::writerPid() const {
+  return header()->writerPid.load(std::memory_order_relaxed);
+}
+std::uint32_t View::readers() const { return header()->readers.load(std::memory_order_relaxed); }
+std::string View::typeName() const {
+  const char* n = header()->typeName;
+  return std::string(n, strnlen(n, kTypeNameBytes));
 }
 std::uint64_t View::ringHead() const {
   return header()->ringHead.load(std::memory_order_acquire);
@@ -214,12 +254,7 @@ std::vector<std::uint8_t>& View::groupImage(std::size_t i) {
 
 View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* groupHash,
                            std::string* why) {
-  refresh();
-  bool deadWriter = false;
-  for (unsigned attempt = 0;; ++attempt) {
-    // As in find(): odd words are taken as they are once the writer is dead
-    // or stuck, and the pass still counts only if nothing moved under it.
-    const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
+  return readConsistently([&](const bool acceptOdd) -> std::optional<Step> {
     group_.clear();
     trustedWords_.clear();
     std::uint64_t iw;
@@ -301,20 +336,17 @@ View::Step View::nextGroup(bool started, std::uint32_t after, std::uint32_t* gro
         break;
       }
       if (c == Copy::bad) return Step::corrupt;
-      group_.push_back({off, len});
+      group_.push_back({off, len, copiedVersion_});
     }
     if (!retry) {
       retry = !unchanged(iw, blocks, seqs, nb, first, acceptOdd ? trustedWords_.data() : nullptr,
                          trustedWords_.size());
     }
-    if (!retry) {
-      if (!found) return Step::end;
-      *groupHash = groupH;
-      return Step::group;
-    }
-    backOff(attempt, &deadWriter);
-    refresh();
-  }
+    if (retry) return std::nullopt;
+    if (!found) return Step::end;
+    *groupHash = groupH;
+    return Step::group;
+  });
 }
 
 bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, std::string* why) {
@@ -336,7 +368,9 @@ bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, s
                          e.imageBytes <= e.entryBytes - kRingEntryHeader;
     if (shapeOk && e.kind != static_cast<std::uint16_t>(RingKind::padding)) {
       scratch_.resize(e.imageBytes);
-      std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+      if (e.imageBytes != 0) {
+        std::memcpy(scratch_.data(), base_ + ringOffset_ + at + kRingEntryHeader, e.imageBytes);
+      }
     }
     std::atomic_thread_fence(std::memory_order_acquire);
     if (h->ringReserve.load(std::memory_order_relaxed) - position > ringBytes_) return behind();
@@ -353,7 +387,8 @@ bool View::readRing(std::uint64_t& position, RingVisitor visit, void* context, s
       return behind();
     }
     std::string detail;
-    if (!visit(context, kind, scratch_, e.imageBytes, &detail)) {
+    if (!visit(context, kind, scratch_, e.imageBytes, e.version(), (e.flags & kRingErased) != 0,
+               &detail)) {
       *why = "change ring entry at " + std::to_string(position - e.entryBytes) + ": " + detail;
       return behind();
     }
@@ -439,8 +474,7 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     }
     if (fd < 0) {
       if (errno == ENOENT) continue;  // removed under our feet
-      throw Cog::RangeException("memtab table " + config.name + ": cannot open " + path + ": " +
-                                errnoText());
+      systemFailure(config.name, "cannot open " + path);
     }
     auto closeFd = [&] { close(fd); };
     struct flock fl {};
@@ -464,10 +498,10 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     // shm_open applies the umask; the table's mode is the caller's choice.
     if (fchmod(fd, config.mode) != 0 ||
         (config.group != static_cast<gid_t>(-1) && fchown(fd, static_cast<uid_t>(-1), config.group) != 0)) {
-      std::string err = errnoText();
+      const int err = errno;
       closeFd();
       if (created) shm_unlink(path.c_str());
-      throw Cog::RangeException("memtab table " + config.name + ": cannot set owner or mode: " + err);
+      systemFailure(config.name, "cannot set owner or mode", err);
     }
     std::unique_ptr<Store> s(new Store());
     s->name_ = config.name;
@@ -482,15 +516,16 @@ std::unique_ptr<Store> Store::open(const StoreConfig& config, const Codec& codec
     if (size >= kHeaderBytes) {
       void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
       if (mem == MAP_FAILED) {
-        throw Cog::RangeException("memtab table " + config.name + ": cannot map: " + errnoText());
+        systemFailure(config.name, "cannot map");
       }
       s->base_ = static_cast<std::uint8_t*>(mem);
       s->mapped_ = size;
       std::string why;
       if (s->header()->magic.load(std::memory_order_acquire) == kMagic &&
-          s->checkHeader(config.typeTag, size, &why)) {
+          s->checkHeader(&config.typeTag, size, &why)) {
         s->reservedEnd_ = size;
         s->repair(codec, report);
+        s->recordTypeName(config.typeName);
         return s;
       }
       if (s->header()->magic.load(std::memory_order_acquire) == kMagic &&
@@ -528,15 +563,14 @@ void Store::initialise(const StoreConfig& config) {
   const std::uint64_t size = alignUp(heapStart_ + indexBytes + (64u << 10), 4096);
   if (shared_) {
     if (ftruncate(fd_, static_cast<off_t>(size)) != 0) {
-      throw Cog::RangeException("memtab table " + name_ + ": cannot size segment: " + errnoText());
+      systemFailure(name_, "cannot size segment");
     }
     if (int err = posix_fallocate(fd_, 0, static_cast<off_t>(size)); err != 0) {
-      throw Cog::RangeException("memtab table " + name_ + ": no memory for segment: " +
-                                std::strerror(err));
+      systemFailure(name_, "no memory for segment", err);
     }
     void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
     if (mem == MAP_FAILED) {
-      throw Cog::RangeException("memtab table " + name_ + ": cannot map: " + errnoText());
+      systemFailure(name_, "cannot map");
     }
     base_ = static_cast<std::uint8_t*>(mem);
   } else {
@@ -549,6 +583,7 @@ void Store::initialise(const StoreConfig& config) {
   header()->layoutVersion = kLayoutVersion;
   header()->headerBytes = kHeaderBytes;
   header()->typeTag = config.typeTag;
+  recordTypeName(config.typeName);
   header()->fileBytes.store(size, std::memory_order_relaxed);
   header()->index.store(IndexWord{heapStart_, homeBlocks, 0}.encode(), std::memory_order_relaxed);
   header()->count.store(0, std::memory_order_relaxed);
@@ -564,17 +599,29 @@ void Store::initialise(const StoreConfig& config) {
   header()->magic.store(kMagic, std::memory_order_release);
 }
 
+// Re-attaching after another writer, which may have died at any step (see
+// Segment.h), in phases: read every entry the bucket array leads to and
+// keep those that check out; drop second entries of a key and records that
+// overlap; rebuild the heap's bookkeeping around what is kept; publish a
+// fresh bucket array; take the table over.
 void Store::repair(const Codec& codec, const CorruptionReport& report) {
   smallFree_.assign(kSmallFreeUnits, {});
   header()->fileBytes.store(mapped_, std::memory_order_release);
   const IndexWord old = IndexWord::decode(header()->index.load(std::memory_order_acquire));
-  struct Entry {
-    std::uint32_t hash;
-    std::uint64_t record;
-    std::uint32_t length;
-  };
-  std::vector<Entry> entries;
   std::uint64_t maxVersion = header()->version.load(std::memory_order_relaxed);
+  std::vector<RepairEntry> entries = readEntries(old, codec, report, &maxVersion);
+  dropSecondEntries(entries, codec, report);
+  dropOverlaps(entries, old, report);
+  std::erase_if(entries, [](const RepairEntry& e) { return !e.keep; });
+  rebuildHeap(entries, old, maxVersion);
+  publishFreshIndex(entries, old);
+  takeOver();
+}
+
+std::vector<Store::RepairEntry> Store::readEntries(const IndexWord& old, const Codec& codec,
+                                                   const CorruptionReport& report,
+                                                   std::uint64_t* maxVersion) {
+  std::vector<RepairEntry> entries;
   std::vector<std::uint8_t> image;
   auto drop = [&](std::uint32_t pos, const std::string& why) {
     report("memtab table " + name_ + ": dropped the entry in bucket " + std::to_string(pos) + ": " +
@@ -610,65 +657,81 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
       drop(pos, "key hash differs from the bucket's");
       continue;
     }
-    maxVersion = std::max(maxVersion, recordVersion(rw));
-    entries.push_back({hash, off, len});
+    *maxVersion = std::max(*maxVersion, recordVersion(rw));
+    entries.push_back({hash, off, len, true});
   }
-  // Order by hash; then no two entries may share a key or overlap in memory.
+  // In order of hash, as the bucket array wants them.
   std::stable_sort(entries.begin(), entries.end(),
-                   [](const Entry& a, const Entry& b) { return a.hash < b.hash; });
-  std::vector<bool> keep(entries.size(), true);
-  std::vector<std::uint8_t> other;
+                   [](const RepairEntry& a, const RepairEntry& b) { return a.hash < b.hash; });
+  return entries;
+}
+
+void Store::dropSecondEntries(std::vector<RepairEntry>& entries, const Codec& codec,
+                              const CorruptionReport& report) {
+  std::vector<std::uint8_t> image, other;
   for (std::size_t i = 0; i < entries.size(); ++i) {
     for (std::size_t j = i + 1; j < entries.size() && entries[j].hash == entries[i].hash; ++j) {
-      if (!keep[i] || !keep[j]) continue;
+      if (!entries[i].keep || !entries[j].keep) continue;
       image.assign(base_ + entries[i].record + kRecordHeader,
                    base_ + entries[i].record + kRecordHeader + entries[i].length);
       other.assign(base_ + entries[j].record + kRecordHeader,
                    base_ + entries[j].record + kRecordHeader + entries[j].length);
       if (codec.sameKey(image, entries[i].length, other, entries[j].length)) {
-        keep[j] = false;
+        entries[j].keep = false;
         report("memtab table " + name_ + ": dropped a second entry for one key");
       }
     }
   }
+}
+
+void Store::dropOverlaps(std::vector<RepairEntry>& entries, const IndexWord& old,
+                         const CorruptionReport& report) {
   std::vector<std::size_t> byOffset;
   for (std::size_t i = 0; i < entries.size(); ++i)
-    if (keep[i]) byOffset.push_back(i);
+    if (entries[i].keep) byOffset.push_back(i);
   std::sort(byOffset.begin(), byOffset.end(),
             [&](std::size_t a, std::size_t b) { return entries[a].record < entries[b].record; });
   std::uint64_t end = 0;
   for (std::size_t i : byOffset) {
     const std::uint64_t recordEnd = entries[i].record + recordBytes(entries[i].length);
     if (entries[i].record < old.offset + old.bytes() && recordEnd > old.offset) {
-      keep[i] = false;
+      entries[i].keep = false;
       report("memtab table " + name_ + ": dropped an entry whose record overlaps the bucket array");
       continue;
     }
     if (entries[i].record < end) {
-      keep[i] = false;
+      entries[i].keep = false;
       report("memtab table " + name_ + ": dropped an entry whose record overlaps another");
       continue;
     }
-    end = entries[i].record + recordBytes(entries[i].length);
+    end = recordEnd;
   }
+}
+
+void Store::rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& old,
+                        std::uint64_t maxVersion) {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> live;
-  std::vector<Entry> kept;
   liveRecordBytes_ = 0;
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    if (!keep[i]) continue;
-    kept.push_back(entries[i]);
-    live.emplace_back(entries[i].record, recordBytes(entries[i].length));
-    liveRecordBytes_ += recordBytes(entries[i].length);
+  for (const RepairEntry& e : kept) {
+    live.emplace_back(e.record, recordBytes(e.length));
+    liveRecordBytes_ += recordBytes(e.length);
   }
   live.emplace_back(old.offset, old.bytes());
   std::uint64_t top = std::min<std::uint64_t>(header()->heapTop.load(std::memory_order_relaxed), mapped_);
   top = std::max(top, heapStart_);
   for (auto& [off, bytes] : live) top = std::max(top, off + bytes);
+  // Everything is allocated in 8-byte units from here: a damaged top that
+  // is not would misalign every record placed after it.
+  top = std::min(alignUp(top, 8), mapped_ & ~std::uint64_t{7});
   header()->heapTop.store(top, std::memory_order_relaxed);
   reservedEnd_ = top;
+  // Versions go on from the highest seen: a record's version is never
+  // handed out twice, whatever the last writer recorded.
   header()->version.store((maxVersion + 2) & ~std::uint64_t{1} & kVersionMask, std::memory_order_relaxed);
   rebuildFreeSpace(live);
+}
 
+void Store::publishFreshIndex(const std::vector<RepairEntry>& kept, const IndexWord& old) {
   // A fresh bucket array: clears blocks left odd and moves left half done.
   for (std::uint32_t blocks = blocksFor(kept.size());; blocks *= 2) {
     const std::uint64_t bytes = static_cast<std::uint64_t>(blocks + kTailBlocks) * kBlockBytes;
@@ -691,12 +754,16 @@ void Store::repair(const Codec& codec, const CorruptionReport& report) {
     header()->count.store(kept.size(), std::memory_order_relaxed);
     header()->index.store(ix.encode(), std::memory_order_release);
     release(old.offset, old.bytes());
-    break;
+    return;
   }
+}
+
+void Store::takeOver() {
+  // A change the last writer was publishing is dropped: readers compare the
+  // table with what they delivered instead (the table entry below).
   header()->ringReserve.store(header()->ringHead.load(std::memory_order_relaxed), std::memory_order_relaxed);
   header()->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
   header()->writerEpoch.fetch_add(1, std::memory_order_release);
-  // Readers resynchronise: entries may have been dropped.
   publish(RingKind::table, nullptr, 0);
 }
 
@@ -732,11 +799,11 @@ void Store::growFile(std::uint64_t atLeast) {
                               std::to_string(mapped_) + " bytes in this process");
   }
   if (shared_ && ftruncate(fd_, static_cast<off_t>(size)) != 0) {
-    throw Cog::RangeException("memtab table " + name_ + ": cannot grow segment: " + errnoText());
+    systemFailure(name_, "cannot grow segment");
   }
   void* mem = mremap(base_, mapped_, size, MREMAP_MAYMOVE);
   if (mem == MAP_FAILED) {
-    throw Cog::RangeException("memtab table " + name_ + ": cannot grow mapping: " + errnoText());
+    systemFailure(name_, "cannot grow mapping");
   }
   base_ = static_cast<std::uint8_t*>(mem);
   mapped_ = size;
@@ -792,8 +859,7 @@ std::uint64_t Store::allocate(std::uint64_t bytes, std::uint64_t align) {
     if (int err = posix_fallocate(fd_, static_cast<off_t>(reservedEnd_),
                                   static_cast<off_t>(upTo - reservedEnd_));
         err != 0) {
-      throw Cog::RangeException("memtab table " + name_ + ": no memory for segment: " +
-                                std::strerror(err));
+      systemFailure(name_, "no memory for segment", err);
     }
     reservedEnd_ = upTo;
   }
@@ -816,6 +882,7 @@ std::uint64_t Store::writeRecord(const std::uint8_t* image, std::uint32_t length
   std::memset(base_ + off + kRecordHeader + length, 0, bytes - kRecordHeader - length);
   rw.store(recordWord(v, length), std::memory_order_release);
   liveRecordBytes_ += bytes;
+  changedVersion_ = v;
   return off;
 }
 
@@ -909,6 +976,7 @@ bool Store::erase(std::uint32_t hash, Matcher match, void* context, std::vector<
     endMove(ix, pos, end - 1);
   }
   const std::uint64_t oldOff = bucketRecord(w);
+  changedVersion_ = recordVersion(word(base_, oldOff).load(std::memory_order_relaxed));
   release(oldOff, recordBytes(*oldLength));
   liveRecordBytes_ -= recordBytes(*oldLength);
   header()->count.store(header()->count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
@@ -973,7 +1041,8 @@ bool Store::rebuildIndex(std::uint32_t homeBlocks) {
   return true;
 }
 
-void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t length) {
+void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t length,
+                    std::uint64_t version, bool erased) {
   if (ringBytes_ == 0) return;
   std::uint64_t entry = kRingEntryHeader + alignUp(length, 16);
   if (entry > ringBytes_ / 4) {
@@ -989,15 +1058,26 @@ void Store::publish(RingKind kind, const std::uint8_t* image, std::uint32_t leng
   header()->ringReserve.store(head + pad + entry, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   if (pad != 0) {
-    RingEntry p{static_cast<std::uint32_t>(pad), static_cast<std::uint16_t>(RingKind::padding), 0, 0,
+    RingEntry p{static_cast<std::uint32_t>(pad), static_cast<std::uint16_t>(RingKind::padding), 0, 0, 0,
                 0};
     std::memcpy(base_ + ringOffset_ + at, &p, sizeof p);
     at = 0;
   }
-  RingEntry e{static_cast<std::uint32_t>(entry), static_cast<std::uint16_t>(kind), 0, length, 0};
+  RingEntry e{static_cast<std::uint32_t>(entry), static_cast<std::uint16_t>(kind),
+              erased ? kRingErased : std::uint8_t{0}, static_cast<std::uint8_t>(version >> 32), length,
+              static_cast<std::uint32_t>(version)};
   std::memcpy(base_ + ringOffset_ + at, &e, sizeof e);
   if (length != 0) std::memcpy(base_ + ringOffset_ + at + kRingEntryHeader, image, length);
   header()->ringHead.store(head + pad + entry, std::memory_order_release);
+}
+
+void Store::readersAre(std::uint32_t n) { header()->readers.store(n, std::memory_order_relaxed); }
+
+void Store::recordTypeName(const std::string& typeName) {
+  char* out = header()->typeName;
+  const std::size_t n = std::min(typeName.size(), kTypeNameBytes - 1);
+  std::memcpy(out, typeName.data(), n);
+  std::memset(out + n, 0, kTypeNameBytes - n);
 }
 
 void Store::touch() {

@@ -16,13 +16,30 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <type_traits>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Cog/Exception.h"
 #include "Memtab/Layout.h"
 
 namespace Memtab {
+
+// A system call on a table's segment or links failed (shm_open, mmap,
+// ftruncate, ...): the message says what for, error() is the errno.
+class SystemException : public Cog::Exception {
+ public:
+  SystemException(const std::string& message, int error) : Cog::Exception(message), error_(error) {}
+  int error() const { return error_; }
+  void rethrowWithMessage(const std::string& message) const override {
+    throw SystemException(message, error_);
+  }
+
+ private:
+  int error_;
+};
 
 // Throws Cog::RangeException unless `name` is 1 to kMaxTableNameLength bytes
 // of letters, digits, '.', '_' and '-', not starting with '.' and without "..".
@@ -30,7 +47,10 @@ inline constexpr std::size_t kMaxTableNameLength = 100;
 void validateTableName(std::string_view name);
 // The POSIX shared-memory name of a table: "/memtab.<name>".
 std::string segmentName(std::string_view tableName);
-// Removes table `name` from /dev/shm. Processes that have it mapped keep their
+// The name of the table's lobby, where readers knock (Notify.h):
+// "/memtab-lobby.<name>".
+std::string lobbyName(std::string_view tableName);
+// Removes table `name` (and its lobby) from /dev/shm. Processes that have it mapped keep their
 // mapping until they let go; readers see the table as unmounted. Returns
 // false when there was no such table.
 bool unlinkTable(std::string_view name);
@@ -75,6 +95,9 @@ class View {
   // process's, root or `writerUid`).
   static std::unique_ptr<View> open(std::string_view name, std::uint32_t typeTag,
                                     uid_t writerUid, std::string* why);
+  // Opens table `name` read-only whatever its value type, for tools. Null
+  // when there is no such table (`why` empty) or it is unusable (`why` set).
+  static std::unique_ptr<View> inspect(std::string_view name, std::string* why);
   virtual ~View();
   View(const View&) = delete;
   View& operator=(const View&) = delete;
@@ -94,6 +117,7 @@ class View {
   struct Image {
     std::uint64_t offset;
     std::uint32_t length;
+    std::uint64_t version;  // of the record: differs for every write of a key
   };
   const std::vector<Image>& groupImages() const { return group_; }
   // The bytes of group image i; the caller may grow the vector.
@@ -102,15 +126,24 @@ class View {
   // Change ring. readRing() calls `visit` for each entry published after
   // `position` and advances it; returns false (and moves `position` to the
   // head) when the writer has overwritten entries the reader had not read,
-  // or when the ring is corrupt (then `why` is set).
+  // or when the ring is corrupt (then `why` is set). For a key's entry,
+  // `version` is the version of the record written or, when `erased`, of
+  // the record removed.
   using RingVisitor = bool (*)(void* context, RingKind kind, std::vector<std::uint8_t>& image,
-                               std::uint32_t length, std::string* why);
+                               std::uint32_t length, std::uint64_t version, bool erased,
+                               std::string* why);
   bool readRing(std::uint64_t& position, RingVisitor visit, void* context, std::string* why);
   std::uint64_t ringHead() const;
   bool hasRing() const { return ringBytes_ != 0; }
 
   std::uint64_t count() const;
   std::uint32_t writerEpoch() const;
+  std::uint32_t writerPid() const;
+  std::uint32_t typeTag() const { return header()->typeTag; }
+  // Readers linked to the writer, as it last counted them.
+  std::uint32_t readers() const;
+  // The value type's name as the writer recorded it.
+  std::string typeName() const;
   // True while some process holds the table's writer lock.
   bool writerAlive() const;
   // The segment's file has been unlinked from /dev/shm.
@@ -121,6 +154,8 @@ class View {
 
   // Test and tool aid: how many times lookups had to read again.
   std::uint64_t retries() const { return retries_; }
+  // The version of the record the last successful find() matched.
+  std::uint64_t foundVersion() const { return copiedVersion_; }
 
  protected:
   View() = default;
@@ -146,11 +181,15 @@ class View {
     return false;
   }
   void remap(std::uint64_t bytes);
-  bool checkHeader(std::uint32_t typeTag, std::uint64_t fileBytes, std::string* why);
+  // Checks the header; the value type too unless `typeTag` is null.
+  bool checkHeader(const std::uint32_t* typeTag, std::uint64_t fileBytes, std::string* why);
+  static std::unique_ptr<View> openAs(std::string_view name, const std::uint32_t* typeTag,
+                                      uid_t writerUid, std::string* why);
 
   enum class Copy { ok, unstable, bad };
   // With `acceptOdd` a record whose version is odd is taken as it is, as
   // long as it and the bucket pointing at it stay put while it is copied.
+  // On Copy::ok, copiedVersion_ is the record's version.
   Copy copyRecord(std::uint64_t bucketAt, std::uint64_t word, std::vector<std::uint8_t>& into,
                   std::uint32_t* length, bool acceptOdd);
   // copyRecord() for the entry in bucket `pos` of array `iw`, holding `w`:
@@ -159,6 +198,15 @@ class View {
   Copy copyEntry(std::uint64_t iw, std::uint32_t pos, std::uint64_t w, std::vector<std::uint8_t>& into,
                  std::uint32_t* length, bool acceptOdd, std::string* why);
   bool backOff(unsigned attempt, bool* acceptOdd);
+  // Runs `pass(acceptOdd)`, a read of the segment, until it reads a state
+  // that existed at one moment: it returns its answer then, or nothing when
+  // something moved under it and it must read again. After a while, or
+  // once the writer is known dead, odd blocks and records no longer mean
+  // "read again" (acceptOdd): better an answer from a writer stuck
+  // mid-move than none; the pass still checks that nothing it looked at
+  // changed, for a writer that was only slow, or a new one, may go on.
+  template <class Pass>
+  auto readConsistently(Pass&& pass) -> typename std::invoke_result_t<Pass, bool>::value_type;
   // The writer has published another bucket array since `indexWord`.
   bool replaced(std::uint64_t indexWord) const;
   // Whether a pass over bucket array `iw` read a state that existed at one
@@ -182,17 +230,50 @@ class View {
   std::vector<std::vector<std::uint8_t>> groupScratch_;
   std::vector<std::uint64_t> trustedWords_;  // bucket words of a pass that accepts odd ones
   std::uint64_t retries_ = 0;
+  std::uint64_t copiedVersion_ = 0;
 };
 
 struct StoreConfig {
   std::string name;  // empty for a process-private table
   std::uint32_t typeTag = 0;
+  std::string typeName;  // recorded in the segment for tools
   std::uint64_t ringBytes = 1u << 20;
   std::uint64_t initialCapacity = 0;  // entries
   mode_t mode = 0600;
   gid_t group = static_cast<gid_t>(-1);
 };
 
+// The writer's steps, and what a crash right after each leaves for the next
+// writer (repair()) and for readers meanwhile:
+//
+//  upsert, replacing an entry:
+//   1. allocate a record out of place       nothing: free space is rebuilt
+//                                           from the entries at attach
+//   2. record version made odd, in header   the version is skipped
+//   3. image copied, version made even      an unreferenced record: freed
+//   4. bucket stored (one atomic store)     the new value is the table's;
+//                                           readers were never told: the
+//                                           restart's table entry makes them
+//                                           compare (5)
+//   5. change appended to the ring          done
+//  upsert, inserting: as above, but step 4 moves the buckets up to the next
+//   empty one under odd block sequence words. A crash mid-move leaves a
+//   block odd (readers take it as it is once the writer is dead) and
+//   possibly one entry in two buckets: repair keeps it once.
+//  erase: buckets moved down under odd sequence words, the last one
+//   cleared, then the ring entry: the same as an insert's move.
+//  clear, or a bucket array rebuilt for growth: a new array is filled aside
+//   and published by one store of the header's index word; a crash before
+//   it leaves the old array, after it the new one. Either is whole.
+//  ring append: ringReserve raised, entry written, ringHead raised. A crash
+//   before ringHead leaves the entry unpublished; readers learn of the change
+//   by comparing the table when the restarted writer publishes its table
+//   entry.
+//  file growth: ftruncate, then the header's fileBytes; readers map only
+//   what fileBytes says is there.
+// At attach a writer re-reads every entry (repair()), rebuilds the bucket
+// array and its free space from what is valid, carries the record versions
+// on from the highest seen, and publishes a table entry to the ring.
 class Store : public View {
  public:
   // Creates table `config.name`, or re-attaches to it after a previous
@@ -216,8 +297,14 @@ class Store : public View {
   void clear();
   // Makes room for `entries` without further growth of the bucket array.
   void reserve(std::uint64_t entries);
-  // Appends a change to the ring (no-op without ring).
-  void publish(RingKind kind, const std::uint8_t* image, std::uint32_t length);
+  // Appends a change to the ring (no-op without ring). `version` is that of
+  // the record written or, with `erased`, removed (changedVersion()).
+  void publish(RingKind kind, const std::uint8_t* image, std::uint32_t length,
+               std::uint64_t version = 0, bool erased = false);
+  // The version of the record the last upsert() wrote or erase() removed.
+  std::uint64_t changedVersion() const { return changedVersion_; }
+  // Records how many readers are linked, for tools.
+  void readersAre(std::uint32_t n);
 
   // Tells readers waiting on /dev/shm that the writer is ready.
   void touch();
@@ -230,7 +317,24 @@ class Store : public View {
  private:
   Store() = default;
   void initialise(const StoreConfig& config);
+  void recordTypeName(const std::string& typeName);
   void repair(const Codec& codec, const CorruptionReport& report);
+  struct RepairEntry {
+    std::uint32_t hash;
+    std::uint64_t record;
+    std::uint32_t length;
+    bool keep;
+  };
+  std::vector<RepairEntry> readEntries(const IndexWord& old, const Codec& codec,
+                                       const CorruptionReport& report, std::uint64_t* maxVersion);
+  void dropSecondEntries(std::vector<RepairEntry>& entries, const Codec& codec,
+                         const CorruptionReport& report);
+  void dropOverlaps(std::vector<RepairEntry>& entries, const IndexWord& old,
+                    const CorruptionReport& report);
+  void rebuildHeap(const std::vector<RepairEntry>& kept, const IndexWord& old,
+                   std::uint64_t maxVersion);
+  void publishFreshIndex(const std::vector<RepairEntry>& kept, const IndexWord& old);
+  void takeOver();
   void growFile(std::uint64_t atLeast);
   std::uint64_t allocate(std::uint64_t bytes, std::uint64_t align = 8);
   void release(std::uint64_t offset, std::uint64_t bytes);
@@ -257,6 +361,7 @@ class Store : public View {
   bool shared_ = false;
   std::uint64_t liveRecordBytes_ = 0;
   std::uint64_t resizes_ = 0;
+  std::uint64_t changedVersion_ = 0;
   std::uint64_t reservedEnd_ = 0;  // memory committed to the file up to here
   // Free space, kept by the writer only and rebuilt on attach: small runs by
   // size (in 8-byte units), larger ones by size, and one run being carved.
@@ -286,11 +391,12 @@ inline View::Copy View::copyRecord(std::uint64_t bucketAt, std::uint64_t w, std:
   std::uint32_t len = recordLength(w0);
   if (len > mapped_ - off - kRecordHeader) return stillThere() ? Copy::bad : Copy::unstable;
   into.resize(len);
-  std::memcpy(into.data(), base_ + off + kRecordHeader, len);
+  if (len != 0) std::memcpy(into.data(), base_ + off + kRecordHeader, len);
   std::atomic_thread_fence(std::memory_order_acquire);
   if (rw.load(std::memory_order_relaxed) != w0) return Copy::unstable;
   if (!stillThere()) return Copy::unstable;
   *length = len;
+  copiedVersion_ = recordVersion(w0);
   return Copy::ok;
 }
 
@@ -330,16 +436,20 @@ inline bool View::unchanged(std::uint64_t iw, const std::uint32_t* blocks, const
   return header()->index.load(std::memory_order_relaxed) == iw;
 }
 
-template <class Match>
-View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
+template <class Pass>
+auto View::readConsistently(Pass&& pass) -> typename std::invoke_result_t<Pass, bool>::value_type {
   refresh();
   bool deadWriter = false;
   for (unsigned attempt = 0;; ++attempt) {
-    // Once the writer is known dead, or has kept a block odd for long, an
-    // odd block or record no longer means "read again": better an answer
-    // from a writer stuck mid-move than none. The answer is checked all the
-    // same, for a writer that was only slow, or a new one, may go on.
-    const bool acceptOdd = deadWriter || attempt >= kMaxReadAttempts;
+    if (auto answer = pass(deadWriter || attempt >= kMaxReadAttempts)) return *answer;
+    backOff(attempt, &deadWriter);
+    refresh();
+  }
+}
+
+template <class Match>
+View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
+  return readConsistently([&](const bool acceptOdd) -> std::optional<Found> {
     std::uint64_t iw;
     if (!publishedIndex(&iw, why)) return Found::corrupt;
     const IndexWord ix = IndexWord::decode(iw);
@@ -395,9 +505,8 @@ View::Found View::find(std::uint32_t hash, Match&& match, std::string* why) {
     if (!retry && unchanged(iw, blocks, seqs, nb, home, acceptOdd ? words : nullptr, nw)) {
       return Found::no;
     }
-    backOff(attempt, &deadWriter);
-    refresh();
-  }
+    return std::nullopt;
+  });
 }
 
 }  // namespace Memtab::Shm

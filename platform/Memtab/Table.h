@@ -40,12 +40,31 @@
 //
 // Notifications (Reader): fd() is readable when something happened;
 // processNotifications() then delivers, on the caller's thread: mount-status
-// changes, onTable() when the whole table must be looked at again (first
-// mount, the writer restarted or cleared the table, or this reader fell
-// behind the writer's change ring), and onKey(k) once per key that changed
-// since the last call (several changes of a key arrive as one; look the key
-// up for its current value). Memory stays bounded: a reader that falls
-// behind gets one onTable() instead of the changes it missed.
+// changes; onTable() when a segment is first mapped, replaced or gone, or
+// the writer restarted or cleared the table; and onKey(k) once per key that
+// changed since the last call (several changes of a key arrive as one; look
+// the key up for its current value). No change is lost: whatever happened
+// (this reader fell behind the writer's change ring, the writer restarted,
+// cleared the table, or the table was replaced or removed), every key whose
+// entry may differ from the one last delivered gets its onKey(k), removed
+// keys included. onTable() on the first mapping is the one exception: it
+// stands for every key present then; replay() announces them one by one
+// for a notifiee that needs that.
+//
+// How: every record of a key has a version of its own, and every change in
+// the ring names it. The reader keeps, per key, the version it last
+// delivered (its shadow of the table): that of the change, or what the
+// notifiee's own lookups and iterations returned while it was being
+// notified, for the table may have moved on by then. When it has missed
+// changes it compares the table with the shadow instead. The shadow is
+// bounded by the table's size, never by the rate of change: one slot of a
+// key and 8 bytes per key, at a load of a quarter to seven tenths. (A notifiee that looks keys up later,
+// outside its callbacks, may see a state the reader does not know it saw.)
+//
+// The writer needs no polling for any of this: changes ring the readers'
+// doorbells, and readers that join are taken in on the next change (see
+// Notify.h). Polling fd() and calling serviceReaders() only lets it drop
+// departed readers and take in new ones while it makes no changes.
 //
 // Writer and LocalTable deliver the same callbacks synchronously to the
 // notifiee set with notifieeIs(), as each change is made.
@@ -118,7 +137,8 @@ struct Options {
   // Entries to make room for when the table is created.
   std::size_t capacity = 0;
   // Bytes of change ring (a power of two, at least 4096; 0 for none).
-  // Readers that fall more than this behind get onTable().
+  // A reader that falls more than this behind compares the whole table
+  // with what it delivered instead, which costs it more.
   std::size_t ringBytes = 1u << 20;
   mode_t mode = 0600;
   // Writer: a group whose members may read the table (adds group read to
@@ -191,6 +211,102 @@ class Codec final : public Shm::Codec {
     return decode(a, aLength, &x, &why) && decode(b, bLength, &y, &why) &&
            ValueTraits<V>::key(x) == ValueTraits<V>::key(y);
   }
+};
+
+// A reader's shadow of its table: per key, one 64-bit word (never 0 or 1).
+// Open addressing with linear probing in one array: no allocation per key,
+// (sizeof(Key) + 8) bytes per slot at a load of a quarter to seven tenths.
+template <class Key, class Hash>
+class ShadowMap {
+ public:
+  std::size_t size() const { return size_; }
+  std::size_t bytes() const { return slots_.capacity() * sizeof(Slot); }
+
+  // The word of `key`, or null.
+  std::uint64_t* find(const Key& key) {
+    Slot* s = at(key);
+    return s == nullptr ? nullptr : &s->word;
+  }
+  // The word of `key`, inserted (as kFresh) when absent; `fresh` says
+  // which. Valid until the next insertion.
+  std::uint64_t* slot(const Key& key, bool* fresh) {
+    if (auto* w = find(key)) {
+      *fresh = false;
+      return w;
+    }
+    if ((used_ + 1) * 10 > slots_.size() * 7) rehash();
+    std::size_t i = home(key);
+    while (slots_[i].word != kEmpty && slots_[i].word != kRemoved) i = (i + 1) & mask_;
+    used_ += slots_[i].word == kEmpty;
+    ++size_;
+    slots_[i].key = key;
+    slots_[i].word = kFresh;
+    *fresh = true;
+    return &slots_[i].word;
+  }
+  void erase(const Key& key) {
+    if (Slot* s = at(key)) remove(*s);
+  }
+  // Calls fn(key, word) for every entry; removes those for which it says so.
+  template <class Fn>
+  void eraseIf(Fn&& fn) {
+    for (Slot& s : slots_) {
+      if (s.word != kEmpty && s.word != kRemoved && fn(s.key, s.word)) remove(s);
+    }
+  }
+  void clear() {
+    slots_.clear();
+    slots_.shrink_to_fit();
+    size_ = used_ = 0;
+    mask_ = 0;
+  }
+
+  static constexpr std::uint64_t kFresh = 2;
+
+ private:
+  static constexpr std::uint64_t kEmpty = 0;
+  static constexpr std::uint64_t kRemoved = 1;
+  struct Slot {
+    Key key{};
+    std::uint64_t word = kEmpty;
+  };
+  Slot* at(const Key& key) {
+    if (slots_.empty()) return nullptr;
+    for (std::size_t i = home(key);; i = (i + 1) & mask_) {
+      Slot& s = slots_[i];
+      if (s.word == kEmpty) return nullptr;
+      if (s.word != kRemoved && s.key == key) return &s;
+    }
+  }
+  std::size_t home(const Key& key) const {
+    // Fibonacci hashing spreads even a weak key hash over the array.
+    const std::uint64_t h = static_cast<std::uint64_t>(Hash()(key)) * 0x9e3779b97f4a7c15ull;
+    return static_cast<std::size_t>(h >> 32) & mask_;
+  }
+  void remove(Slot& s) {
+    s.key = Key();
+    s.word = kRemoved;
+    --size_;
+  }
+  void rehash() {
+    std::size_t capacity = 16;
+    while (capacity < (size_ + 1) * 2) capacity *= 2;
+    std::vector<Slot> old(capacity);
+    old.swap(slots_);
+    mask_ = capacity - 1;
+    used_ = size_;
+    for (Slot& s : old) {
+      if (s.word == kEmpty || s.word == kRemoved) continue;
+      std::size_t i = home(s.key);
+      while (slots_[i].word != kEmpty) i = (i + 1) & mask_;
+      slots_[i] = std::move(s);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::size_t size_ = 0;
+  std::size_t used_ = 0;  // entries and removed slots
+  std::size_t mask_ = 0;
 };
 
 struct Counters {
@@ -323,7 +439,11 @@ class Table {
           }
           bool seen = false;
           for (auto& g : group_) seen = seen || ValueTraits<V>::key(g) == ValueTraits<V>::key(value);
-          if (!seen) group_.push_back(std::move(value));
+          if (seen) continue;
+          if (table_->observing_) {
+            table_->observed(ValueTraits<V>::key(value), true, v->groupImages()[i].version);
+          }
+          group_.push_back(std::move(value));
         }
       }
     }
@@ -370,12 +490,21 @@ class Table {
     };
     std::string why;
     switch (v->find(detail::hashOf<V>(key), match, &why)) {
-      case Shm::View::Found::yes: return true;
-      case Shm::View::Found::no: return false;
+      case Shm::View::Found::yes:
+        if (observing_) observed(key, true, v->foundVersion());
+        return true;
+      case Shm::View::Found::no:
+        if (observing_) observed(key, false, 0);
+        return false;
       case Shm::View::Found::corrupt: reportCorruption(why); return false;
     }
     return false;
   }
+
+  // While `observing_` is set, lookups and iterations report here each key
+  // they found (with its record's version) or found absent.
+  virtual void observed(const Key&, bool present, std::uint64_t version) const {}
+  mutable bool observing_ = false;
 
   void reportCorruption(const std::string& why) const {
     counters_.corruption.increment();
@@ -428,14 +557,14 @@ class WritableTable : public Table<V> {
     }
     this->counters_.del.increment();
     edits_.erase(k);
-    changed(Shm::RingKind::key, old_.data(), oldLength, &k);
+    changed(Shm::RingKind::key, old_.data(), oldLength, &k, true);
     return true;
   }
   void delAll() {
     store_->clear();
     edits_.clear();
     this->counters_.delAll.increment();
-    changed(Shm::RingKind::table, nullptr, 0, nullptr);
+    changed(Shm::RingKind::table, nullptr, 0, nullptr, false);
   }
   // A working copy of the value stored under `key`, to be edited in place
   // and published with commit(); null when the key is absent. The copy
@@ -482,12 +611,14 @@ class WritableTable : public Table<V> {
     auto r = store_->upsert(detail::hashOf<V>(k), image_.data(), static_cast<std::uint32_t>(length),
                             force, &Table<V>::matchKey, const_cast<Key*>(&k));
     if (r == Shm::Store::Upsert::unchanged) return false;
-    changed(Shm::RingKind::key, image_.data(), static_cast<std::uint32_t>(length), &k);
+    changed(Shm::RingKind::key, image_.data(), static_cast<std::uint32_t>(length), &k, false);
     return true;
   }
 
+  // A key's entry was written, or removed (`erased`), or the whole table
+  // changed (`key` null).
   virtual void changed(Shm::RingKind kind, const std::uint8_t* image, std::uint32_t length,
-                       const Key* key) {
+                       const Key* key, bool erased) {
     if (notifiee_ == nullptr) return;
     if (key != nullptr) {
       notifiee_->onKey(*key);
@@ -520,31 +651,35 @@ class Writer : public detail::WritableTable<V> {
     Shm::StoreConfig config;
     config.name = this->name_;
     config.typeTag = detail::typeTag(ValueTraits<V>::typeName());
+    config.typeName = ValueTraits<V>::typeName();
     config.ringBytes = options.ringBytes;
     config.initialCapacity = options.capacity;
     config.group = detail::groupId(options.group);
     config.mode = options.mode | (options.group.empty() ? 0 : S_IRGRP);
     detail::Codec<V> codec;
     this->store_ = Shm::Store::open(config, codec, this->reporter());
-    links_ = std::make_unique<Shm::ReaderLinks>(this->name_, config.group);
+    links_ = std::make_unique<Shm::ReaderLinks>(this->name_, config.group, config.mode);
     // Lets waiting readers know the writer is ready.
     this->store_->touch();
   }
 
-  // Readable when readers come or go; call serviceReaders() then. Writes
-  // also service readers now and then, so an agent that never polls this
-  // still serves its readers, only later.
+  // Readable when readers come or go; serviceReaders() then takes them in
+  // or lets them go. Optional: every change takes in the readers that have
+  // joined since the last one, and now and then drops departed ones.
   int fd() const { return links_->fd(); }
-  void serviceReaders() { links_->service(); }
+  void serviceReaders() {
+    links_->service();
+    this->store_->readersAre(static_cast<std::uint32_t>(links_->readers()));
+  }
   std::size_t readers() const { return links_->readers(); }
 
  private:
   void changed(Shm::RingKind kind, const std::uint8_t* image, std::uint32_t length,
-               const Key* key) override {
-    this->store_->publish(kind, image, length);
+               const Key* key, bool erased) override {
+    this->store_->publish(kind, image, length, this->store_->changedVersion(), erased);
+    if (links_->joined() || (++ops_ & 1023) == 0) serviceReaders();
     links_->ring();
-    if ((++ops_ & 1023) == 0) links_->service();
-    detail::WritableTable<V>::changed(kind, image, length, key);
+    detail::WritableTable<V>::changed(kind, image, length, key, erased);
   }
 
   std::unique_ptr<Shm::ReaderLinks> links_;
@@ -576,7 +711,7 @@ class Reader : public Table<V> {
       : Table<V>(std::move(name), options, false) {
     mount_ = std::make_unique<Shm::Mount>(this->name_, detail::typeTag(ValueTraits<V>::typeName()),
                                           options.writerUid, this->reporter());
-    mount_->update(true);
+    segmentNew_ = mount_->update(true).contentsNew;
     // The first processNotifications() announces the initial state.
     mount_->wake();
   }
@@ -589,6 +724,7 @@ class Reader : public Table<V> {
   void processNotifications(Notifiee<Key>& notifiee) {
     const MountStatus before = mount_->status();
     auto u = mount_->update(false);
+    segmentNew_ = segmentNew_ || u.contentsNew;
     bool table = u.contentsNew || (before != MountStatus::unmounted &&
                                    mount_->status() == MountStatus::unmounted);
     if (!announced_) {
@@ -599,47 +735,215 @@ class Reader : public Table<V> {
     pending_.clear();
     pendingSet_.clear();
     if (Shm::View* v = mount_->view()) {
+      Context context{this, false, false};
       std::string why;
-      struct Context {
-        Reader* self;
-        bool* table;
-      } context{this, &table};
-      auto visit = [](void* c, Shm::RingKind kind, std::vector<std::uint8_t>& image,
-                      std::uint32_t length, std::string* why) {
-        auto* ctx = static_cast<Context*>(c);
-        if (kind == Shm::RingKind::table) {
-          *ctx->table = true;
-          ctx->self->pending_.clear();
-          ctx->self->pendingSet_.clear();
-          return true;
-        }
-        V value;
-        if (!detail::decode(image, length, &value, why)) return false;
-        Key k = ValueTraits<V>::key(value);
-        if (ctx->self->pendingSet_.insert(k).second) ctx->self->pending_.push_back(std::move(k));
-        return true;
-      };
-      if (!v->readRing(mount_->ringPosition(), visit, &context, &why)) {
+      if (!v->readRing(mount_->ringPosition(), &Reader::visitRing, &context, &why)) {
         if (!why.empty()) this->reportCorruption(why);
         this->counters_.fellBehind.increment();
-        table = true;
-        pending_.clear();
+        context.resync = true;
       }
+      table = table || context.table;
+      if (segmentNew_) {
+        segmentNew_ = false;
+        // The first segment stands for itself (onTable); after that, the
+        // versions of another segment say nothing about this one's.
+        resynchronise(v, baseline_ ? Sweep::everything : Sweep::silent);
+        baseline_ = true;
+      } else if (context.resync) {
+        resynchronise(v, Sweep::changed);
+      }
+    } else {
+      // Gone: every key delivered is absent now.
+      shadow_.eraseIf([&](const Key& k, std::uint64_t) {
+        addPending(k);
+        return true;
+      });
+      shadow_.clear();
     }
+    // What the notifiee looks up while it is told of changes is what it
+    // has seen: the shadow takes that in.
+    Observing observing(this);
     if (u.statusChanged) notifiee.onMountStatus(mount_->status());
     if (table) notifiee.onTable();
     for (const Key& k : pending_) {
       this->counters_.notify.increment();
       notifiee.onKey(k);
     }
+    pending_.clear();
+    pendingSet_.clear();
     mount_->arm();
   }
+
+  // Announces every key present in the table once through onKey, in the
+  // table's order: for a notifiee that must see what was there before it
+  // started. Keys changed meanwhile may or may not be among them; their
+  // changes are delivered by processNotifications() as usual.
+  void replay(Notifiee<Key>& notifiee) {
+    Shm::View* v = mount_->view();
+    if (v == nullptr) return;
+    std::vector<Key> group;
+    Observing observing(this);
+    forEachGroup(v, [&](std::vector<std::pair<Key, std::uint64_t>>& entries) {
+      group.clear();
+      for (auto& e : entries) group.push_back(std::move(e.first));
+      for (const Key& k : group) {
+        this->counters_.notify.increment();
+        notifiee.onKey(k);
+      }
+    });
+  }
+
+  // Keys in this reader's shadow of the table (see the header comment).
+  std::size_t shadowKeys() const { return shadow_.size(); }
+  std::size_t shadowBytes() const { return shadow_.bytes(); }
 
  private:
   Shm::View* view() const override { return mount_->view(); }
 
+  // The notifiee saw this state of `key` while being told of changes. A
+  // key it saw absent must be announced if it is ever present again, and
+  // one it saw present whenever its record is replaced or removed: even if
+  // the change that made it so is lost, and even if the table went back
+  // to what was last delivered before the notifiee looked.
+  void observed(const Key& key, bool present, std::uint64_t version) const override {
+    if (present) {
+      bool fresh;
+      *shadow_.slot(key, &fresh) = shadowWord(version);
+    } else {
+      shadow_.erase(key);
+    }
+  }
+
+  // Lookups report to the shadow while one lives (even if a callback throws).
+  struct Observing {
+    const Reader* reader;
+    explicit Observing(const Reader* r) : reader(r) { reader->observing_ = true; }
+    ~Observing() { reader->observing_ = false; }
+    Observing(const Observing&) = delete;
+    Observing& operator=(const Observing&) = delete;
+  };
+
+  // Shadow entries: the record version last delivered (40 bits) and the
+  // sweep that last saw the key in the table (24 bits).
+  static constexpr std::uint64_t kVersionBits = 40;
+  static constexpr std::uint64_t kVersionMask = (std::uint64_t{1} << kVersionBits) - 1;
+  std::uint64_t shadowWord(std::uint64_t version) const {
+    return (version & kVersionMask) | (static_cast<std::uint64_t>(sweep_) << kVersionBits);
+  }
+
+  struct Context {
+    Reader* self;
+    bool table;   // the writer restarted or cleared the table
+    bool resync;  // compare the table with the shadow
+  };
+  static bool visitRing(void* c, Shm::RingKind kind, std::vector<std::uint8_t>& image,
+                        std::uint32_t length, std::uint64_t version, bool erased,
+                        std::string* why) {
+    auto* ctx = static_cast<Context*>(c);
+    Reader& self = *ctx->self;
+    if (kind == Shm::RingKind::table) {
+      ctx->table = true;
+      ctx->resync = true;
+      return true;
+    }
+    V value;
+    if (!detail::decode(image, length, &value, why)) return false;
+    Key k = ValueTraits<V>::key(value);
+    if (erased) {
+      // A shadow that already holds a later record of the key keeps it.
+      const std::uint64_t* w = self.shadow_.find(k);
+      if (w != nullptr && (*w & kVersionMask) == (version & kVersionMask)) self.shadow_.erase(k);
+    } else {
+      bool fresh;
+      *self.shadow_.slot(k, &fresh) = self.shadowWord(version);
+    }
+    self.addPending(std::move(k));
+    return true;
+  }
+
+  void addPending(Key k) {
+    if (pendingSet_.insert(k).second) pending_.push_back(std::move(k));
+  }
+
+  // Calls `fn` with each group of entries (key, record version) in the
+  // table's order; false when the iteration met corruption (reported).
+  template <class Fn>
+  bool forEachGroup(Shm::View* v, Fn&& fn) {
+    std::vector<std::pair<Key, std::uint64_t>> entries;
+    bool started = false;
+    std::uint32_t last = 0;
+    for (;;) {
+      std::uint32_t h = 0;
+      std::string why;
+      const auto step = v->nextGroup(started, last, &h, &why);
+      if (step == Shm::View::Step::end) return true;
+      if (step == Shm::View::Step::corrupt) {
+        this->reportCorruption(why);
+        return false;
+      }
+      started = true;
+      last = h;
+      entries.clear();
+      for (std::size_t i = 0; i < v->groupImages().size(); ++i) {
+        const auto& image = v->groupImages()[i];
+        V value;
+        if (!detail::decode(v->groupImage(i), image.length, &value, &why)) {
+          this->reportCorruption("record at offset " + std::to_string(image.offset) + ": " + why);
+          return false;
+        }
+        Key k = ValueTraits<V>::key(value);
+        bool seen = false;
+        for (auto& e : entries) seen = seen || e.first == k;
+        if (!seen) entries.emplace_back(std::move(k), image.version);
+      }
+      fn(entries);
+    }
+  }
+
+  enum class Sweep {
+    silent,      // take the table in as delivered (it was announced as a whole)
+    changed,     // announce the keys whose entry differs from the shadow
+    everything,  // announce every key in the table or the shadow
+  };
+  // Compares the table with the shadow, announcing keys as `sweep` says,
+  // and leaves the shadow holding the table's versions. Keys the table no
+  // longer holds leave the shadow (and are announced) only after a whole
+  // pass: a pass cut short by corruption removes nothing.
+  void resynchronise(Shm::View* v, Sweep sweep) {
+    sweep_ = (sweep_ + 1) & 0xffffff;
+    const std::uint64_t current = sweep_;
+    // Keys met in the table are met once; only those already pending from
+    // the ring need the check.
+    const bool check = !pendingSet_.empty();
+    auto announce = [&](const Key& k) {
+      if (!check || pendingSet_.count(k) == 0) pending_.push_back(k);
+    };
+    const bool whole = forEachGroup(v, [&](std::vector<std::pair<Key, std::uint64_t>>& entries) {
+      for (auto& [k, version] : entries) {
+        bool fresh;
+        std::uint64_t* w = shadow_.slot(k, &fresh);
+        if (sweep == Sweep::everything ||
+            (sweep == Sweep::changed && (fresh || (*w & kVersionMask) != (version & kVersionMask)))) {
+          announce(k);
+        }
+        *w = shadowWord(version);
+      }
+    });
+    if (!whole) return;
+    shadow_.eraseIf([&](const Key& k, std::uint64_t w) {
+      if ((w >> kVersionBits) == current) return false;
+      if (sweep != Sweep::silent) announce(k);
+      return true;
+    });
+  }
+
   std::unique_ptr<Shm::Mount> mount_;
   bool announced_ = false;
+  bool segmentNew_ = false;  // a segment mapped since the last delivery
+  bool baseline_ = false;    // the shadow stands for a segment once mapped
+  std::uint32_t sweep_ = 0;
+  // Mutable: lookups, which are const, record what the notifiee saw.
+  mutable detail::ShadowMap<Key, typename Table<V>::KeyHash> shadow_;
   std::vector<Key> pending_;
   std::unordered_set<Key, typename Table<V>::KeyHash> pendingSet_;
 };

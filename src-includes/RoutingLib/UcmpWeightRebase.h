@@ -45,4 +45,20 @@ UcmpRebaseResult rebaseWeights(std::vector<float> inWeights, std::uint64_t maxUc
 UcmpRebaseResult rebaseWeights(std::vector<std::uint32_t> inWeights, std::uint64_t maxUcmp,
                                float weightDeviation);
 
+// rebaseWeightsBalanced(inWeights, maxUcmp): the integer weights within the
+// budget that make the worst next hop's share of its ideal share as large as
+// the budget allows: max over results of min over positive inputs of
+// (outWeight[k] / sum of outWeight) / (inWeight[k] / sum of inWeight). A
+// divisor-method apportionment (rounding up) at the best total up to maxUcmp;
+// of equally good weights, the smallest total (an exact fit comes back in
+// lowest terms: [6, 2] gives [3, 1]).
+//   - rebaseSuccess: every positive input got at least 1; zero inputs get 0.
+//   - rebaseTruncated: fewer entries than positive inputs; the largest
+//     maxUcmp inputs (equal ones by position) get 1, the others 0.
+// Preconditions, fatal assertions: a non-empty input ("!inWeights.empty()")
+// of finite, non-negative weights ("std::isfinite(inWeight) && inWeight >= 0")
+// with a positive one ("sumOfWeights != 0"). Cost: about maxUcmp heap steps.
+UcmpRebaseResult rebaseWeightsBalanced(const std::vector<double>& inWeights,
+                                       std::uint64_t maxUcmp);
+
 }  // namespace RoutingLib

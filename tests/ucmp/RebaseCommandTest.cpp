@@ -31,9 +31,12 @@ TEST(RebaseCommand, PrintsStatusAndWeights) {
       {"--max-ucmp 64 --deviation 1 2 1", "status: rebaseSuccess\nweights: 1 1\n"},
       {"--max-ucmp 4 --deviation 0.1 0 1", "status: rebaseUnconverged\nweights: 1 3\n"},
       {"--max-ucmp 0 --deviation 0 7", "status: rebaseTruncated\nweights: 0\n"},
-      // negative double weights are the library's business, not refused: a
-      // negative share is always under-served
-      {"--max-ucmp 8 --deviation 0.5 -1 3", "status: rebaseUnconverged\nweights: 2 6\n"},
+      // the balanced rebase: the best worst share within the budget, in lowest terms
+      {"--max-ucmp 16 --balanced 10 3 1", "status: rebaseSuccess\nweights: 10 3 1\n"},
+      {"--max-ucmp 65535 --balanced --unsigned 6 2 0", "status: rebaseSuccess\nweights: 3 1 0\n"},
+      {"--balanced --float 0.5 0.25 --max-ucmp 64", "status: rebaseSuccess\nweights: 2 1\n"},
+      {"--max-ucmp 10 --balanced 1000 1", "status: rebaseSuccess\nweights: 9 1\n"},
+      {"--max-ucmp 2 --balanced 1 5 3", "status: rebaseTruncated\nweights: 0 1 1\n"},
   };
   for (const Case& c : cases) {
     const ToolRun run = routinglib(c.args);
@@ -73,6 +76,16 @@ TEST(RebaseCommand, RefusesWhatTheLibraryWouldAbortOnOrCannotRead) {
       "--deviation 0.1 1 2",
       "--max-ucmp 4 1 2",
       "--max-ucmp 4 --deviation 0.1 --frobnicate 1",
+      // negative weights, whatever their kind (the library's loop would take
+      // double ones, but no next hop has a negative weight)
+      "--max-ucmp 8 --deviation 0.5 -1 3",
+      "--max-ucmp 8 --deviation 0.5 -0 3",
+      "--max-ucmp 8 --deviation 0.5 --float 3 -0.25",
+      "--max-ucmp 8 --balanced 3 -1",
+      // the balanced rebase takes no deviation, the loop needs one
+      "--max-ucmp 8 --balanced --deviation 0.1 1 2",
+      "--max-ucmp 8 --balanced 0 0",
+      "--balanced 1 2",
   };
   for (const char* args : refused) {
     const ToolRun run = routinglib(args);

@@ -1,5 +1,5 @@
 // The weight rebase on known cases, its trace and its fatal assertions. Every
-// case runs through the reference loop, the fast loop and the dispatcher.
+// case runs through the reference loop, the fast path and the dispatcher.
 #include <cmath>
 #include <limits>
 #include <string>

@@ -1,19 +1,22 @@
 // `routinglib rebase`: rebases UCMP weights into a hardware entry budget.
 //
 //   routinglib rebase --max-ucmp N --deviation D [--float | --unsigned] [--json] W...
+//   routinglib rebase --max-ucmp N --balanced [--float | --unsigned] [--json] W...
 //
 // Weights are doubles by default; --float reads them as 32-bit floats and
 // --unsigned as unsigned 32-bit integers, as the library's three overloads
-// take them. Prints
+// take them. --balanced runs the balanced rebase instead (the weights that
+// maximise the worst next hop's share of its ideal within the budget; it
+// takes no deviation), on the weights widened to double. Prints
 //   status: <rebaseSuccess|rebaseUnconverged|rebaseTruncated>
 //   weights: w0 w1 ...
 // or, with --json, the one line {"status": "<name>", "weights": [w0, w1, ...]}.
 //
 // The library aborts on a broken precondition, so everything is checked here
 // first: a deviation outside [0, 1] (or NaN), no weights, weights that sum to
-// 0, a malformed or non-finite number and a negative unsigned weight are
-// refused with a one-line error and exit status 2. Negative float and double
-// weights are passed on, as the library takes them.
+// 0, a malformed or non-finite number and a negative weight (-0 among them:
+// next-hop weights are not negative, whatever the library makes of them) are
+// refused with a one-line error and exit status 2.
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -30,7 +33,8 @@ namespace routinglib {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: routinglib rebase --max-ucmp N --deviation D [--float | --unsigned] [--json] W...";
+    "usage: routinglib rebase --max-ucmp N (--deviation D | --balanced) [--float | --unsigned] "
+    "[--json] W...";
 
 enum class Kind { doubles, floats, unsigneds };
 
@@ -55,11 +59,11 @@ std::optional<T> parseWhole(const std::string& text, std::string& why) {
 // A weight as the chosen overload takes it, widened to the double the
 // library's core computes with.
 std::optional<double> parseWeight(const std::string& text, Kind kind, std::string& why) {
+  if (!text.empty() && text[0] == '-') {
+    why = "negative";
+    return std::nullopt;
+  }
   if (kind == Kind::unsigneds) {
-    if (!text.empty() && text[0] == '-') {
-      why = "negative, and --unsigned weights are not";
-      return std::nullopt;
-    }
     const auto v = parseWhole<uint32_t>(text, why);
     if (!v) return std::nullopt;
     return static_cast<double>(*v);
@@ -87,6 +91,7 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
   std::optional<uint64_t> maxUcmp;
   std::optional<float> deviation;
   bool json = false;
+  bool balanced = false;
   bool asFloat = false;
   bool asUnsigned = false;
   std::vector<std::string> weightTexts;
@@ -113,6 +118,8 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
       }
     } else if (a == "--json") {
       json = true;
+    } else if (a == "--balanced") {
+      balanced = true;
     } else if (a == "--float") {
       asFloat = true;
     } else if (a == "--unsigned") {
@@ -124,11 +131,12 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
     }
   }
   if (!maxUcmp) return refuse(err, "--max-ucmp is required");
-  if (!deviation) return refuse(err, "--deviation is required");
+  if (balanced && deviation) return refuse(err, "--deviation does not apply to --balanced");
+  if (!balanced && !deviation) return refuse(err, "--deviation (or --balanced) is required");
   if (asFloat && asUnsigned) return refuse(err, "--float and --unsigned exclude each other");
   if (weightTexts.empty()) return refuse(err, "no weights given");
 
-  const Kind kind = asFloat ? Kind::floats : asUnsigned ? Kind::unsigneds : Kind::doubles;
+  Kind kind = asFloat ? Kind::floats : asUnsigned ? Kind::unsigneds : Kind::doubles;
   std::vector<double> weights;
   weights.reserve(weightTexts.size());
   double sum = 0.0;  // in input order, as the library sums
@@ -143,9 +151,11 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
   // Each kind through its own overload; the parsed doubles hold every float
   // and unsigned value exactly.
   RoutingLib::UcmpRebaseResult result;
+  if (balanced) kind = Kind::doubles;  // one function, on the widened weights
   switch (kind) {
     case Kind::doubles:
-      result = RoutingLib::rebaseWeights(std::move(weights), *maxUcmp, *deviation);
+      result = balanced ? RoutingLib::rebaseWeightsBalanced(weights, *maxUcmp)
+                        : RoutingLib::rebaseWeights(std::move(weights), *maxUcmp, *deviation);
       break;
     case Kind::floats:
       result = RoutingLib::rebaseWeights(std::vector<float>(weights.begin(), weights.end()),

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -372,6 +373,275 @@ TEST(MemtabProcesses, NotificationsReachAReaderInAnotherProcess) {
   for (std::uint64_t id = 0; id < kKeys; ++id) w.insert(Record(id, 1));
   EXPECT_EQ(exitStatus(reader), 0);
   close(ready[0]);
+}
+
+// ------------------------------------------------------------ lossless notifications
+
+// Flags of the notification tests below, shared with their children.
+struct Progress {
+  std::atomic<int> mounted{0};    // readers that have mapped the table
+  std::atomic<bool> half{false};  // the writer is halfway through its burst
+  std::atomic<bool> done{false};  // the writer has written its last change
+  std::atomic<int> finished{0};   // readers that have compared their copy
+};
+
+struct SharedProgress {
+  Progress* p;
+  SharedProgress() {
+    void* m = mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) throw std::bad_alloc();
+    p = new (m) Progress();
+  }
+  ~SharedProgress() { munmap(p, sizeof(Progress)); }
+  Progress* operator->() const { return p; }
+};
+
+// Written last by every burst below: a reader that has it has had the
+// chance to see everything.
+constexpr std::uint64_t kLast = std::uint64_t{1} << 40;
+
+// Waits, without touching the table, until `done()`; false after kHang.
+bool waitFor(const std::function<bool()>& done) {
+  const auto until = Clock::now() + kHang;
+  while (!done()) {
+    if (Clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  return true;
+}
+
+// A reader that keeps its own copy of the table from notifications alone,
+// as the machines fed by a table do: the table as first mapped (onTable())
+// fills it, then only onKey() changes it; later onTable()s are ignored.
+struct Mirror : Memtab::Notifiee<Id> {
+  Memtab::Reader<Record>* r = nullptr;
+  std::map<std::uint64_t, Record> copy;
+  std::set<std::uint64_t> delivered;
+  bool filled = false;
+  int slowUs = 0;  // time spent on each key, to fall behind
+  void onTable() override {
+    if (filled || r->mountStatus() == Memtab::MountStatus::unmounted) return;
+    filled = true;
+    for (const Record& v : *r) copy[v.id] = v;
+  }
+  void onKey(const Id& k) override {
+    delivered.insert(k.v);
+    if (auto v = r->find(k)) {
+      copy[k.v] = *v;
+    } else {
+      copy.erase(k.v);
+    }
+    if (slowUs > 0) {
+      const auto until = Clock::now() + std::chrono::microseconds(slowUs);
+      while (Clock::now() < until) {
+      }
+    }
+  }
+};
+
+// Follows table `name` until the writer has finished and everything it did
+// has been taken in; returns 0 when the copy is the table, 30 when it is
+// not, 31 on a hang. `check` may look at the mirror before that.
+int follow(const std::string& name, Progress* progress, int slowUs,
+           const std::function<int(Memtab::Reader<Record>&, Mirror&)>& check = nullptr) {
+  Memtab::Reader<Record> r(name);
+  Mirror m;
+  m.r = &r;
+  m.slowUs = slowUs;
+  bool counted = false;
+  const auto until = Clock::now() + kHang;
+  for (;;) {
+    if (Clock::now() > until) return 31;
+    pollfd p{r.fd(), POLLIN, 0};
+    poll(&p, 1, 5);
+    r.processNotifications(m);
+    if (!counted && r.mountStatus() != Memtab::MountStatus::unmounted) {
+      counted = true;
+      ++progress->mounted;
+    }
+    // Caught up: the writer is done, its last change is in, and nothing
+    // more is waiting (the reader's fd would be readable).
+    pollfd again{r.fd(), POLLIN, 0};
+    if (progress->done && m.copy.count(kLast) != 0 && poll(&again, 1, 0) == 0) break;
+  }
+  std::map<std::uint64_t, Record> actual;
+  for (const Record& v : r) actual[v.id] = v;
+  int status = 0;
+  if (m.copy != actual) {
+    std::size_t wrong = 0;
+    auto show = [&](std::uint64_t id) {
+      if (wrong <= 5) {
+        std::fprintf(stderr, "reader: key %llu: copy seq %lld, table seq %lld, %s\n",
+                     static_cast<unsigned long long>(id),
+                     m.copy.count(id) ? static_cast<long long>(m.copy[id].seq) : -1LL,
+                     actual.count(id) ? static_cast<long long>(actual[id].seq) : -1LL,
+                     m.delivered.count(id) ? "delivered" : "never delivered");
+      }
+    };
+    for (auto& [id, v] : actual) {
+      if (m.copy.count(id) == 0 || !(m.copy[id] == v)) {
+        ++wrong;
+        show(id);
+      }
+    }
+    for (auto& [id, v] : m.copy) {
+      if (actual.count(id) == 0) {
+        ++wrong;
+        show(id);
+      }
+    }
+    std::fprintf(stderr, "reader: %zu of %zu keys differ from the table\n", wrong, actual.size());
+    status = 30;
+  }
+  if (status == 0 && check) status = check(r, m);
+  ++progress->finished;
+  return status;
+}
+
+// One random change to keys below `keys`: inserts and overwrites (seq makes
+// every value new) or removals. Returns the key.
+std::uint64_t change(Memtab::Writer<Record>& w, std::mt19937_64& rng, std::uint64_t keys,
+                     std::uint64_t seq) {
+  const std::uint64_t id = rng() % keys;
+  if (rng() % 4 == 0) {
+    w.del(Id{id});
+  } else {
+    w.insert(Record(id, seq));
+  }
+  return id;
+}
+
+TEST(MemtabProcesses, AWriterThatNeverPollsServesReadersJoiningBeforeDuringAndAfterABurst) {
+  TableName name("nopoll");
+  SharedProgress progress;
+  constexpr std::uint64_t kKeys = 4000, kOps = 40000;
+  pid_t before = spawn([&] { return follow(name.value, progress.p, 0); });
+  pid_t writer = spawn([&] {
+    Memtab::Writer<Record> w(name.value);  // never polled, never serviced
+    if (!waitFor([&] { return progress->mounted >= 1; })) return 3;
+    std::mt19937_64 rng(5);
+    for (std::uint64_t op = 0; op < kOps; ++op) {
+      change(w, rng, kKeys, op + 1);
+      if (op == kOps / 2) {
+        progress->half = true;
+        if (!waitFor([&] { return progress->mounted >= 2; })) return 4;
+      }
+    }
+    w.insert(Record(kLast, 1));
+    progress->done = true;
+    // Stays, still never polling, until every reader has compared.
+    return waitFor([&] { return progress->finished >= 3; }) ? 0 : 5;
+  });
+  std::string why;
+  ASSERT_TRUE(await(writer, [&] { return progress->half.load(); }, &why))
+      << why << "; writer exited " << ended(writer);
+  pid_t during = spawn([&] { return follow(name.value, progress.p, 0); });
+  ASSERT_TRUE(await(writer, [&] { return progress->done.load(); }, &why))
+      << why << "; writer exited " << ended(writer);
+  pid_t after = spawn([&] { return follow(name.value, progress.p, 0); });
+  for (auto [who, pid] : {std::pair{"before", before}, {"during", during}, {"after", after}}) {
+    EXPECT_EQ(exitStatus(pid), 0) << "the reader that joined " << who << " the burst";
+  }
+  EXPECT_EQ(exitStatus(writer), 0);
+}
+
+TEST(MemtabProcesses, ASlowReaderBehindASmallRingDeliversEveryChangedKey) {
+  TableName name("flood");
+  SharedProgress progress;
+  constexpr std::uint64_t kKeys = 3000, kOps = 60000 / kScale;
+  constexpr std::uint64_t kSeed = 11;
+  pid_t writer = spawn([&] {
+    Memtab::Options o;
+    o.ringBytes = 4096;  // about fifty changes
+    Memtab::Writer<Record> w(name.value, o);
+    for (std::uint64_t id = 0; id < kKeys; id += 2) w.insert(Record(id, 0));
+    progress->half = true;  // the table the reader starts from
+    if (!waitFor([&] { return progress->mounted >= 1; })) return 3;
+    std::mt19937_64 rng(kSeed);
+    for (std::uint64_t op = 0; op < kOps; ++op) change(w, rng, kKeys, op + 1);
+    w.insert(Record(kLast, 1));
+    progress->done = true;
+    return waitFor([&] { return progress->finished >= 1; }) ? 0 : 5;
+  });
+  std::string why;
+  ASSERT_TRUE(await(writer, [&] { return progress->half.load(); }, &why))
+      << why << "; writer exited " << ended(writer);
+  pid_t reader = spawn([&] {
+    return follow(name.value, progress.p, 20, [&](Memtab::Reader<Record>& r, Mirror& m) {
+      // Every key whose entry differs from the one before the flood must
+      // have been delivered; no key the writer left alone may have been.
+      std::set<std::uint64_t> touched;
+      std::mt19937_64 rng(kSeed);
+      for (std::uint64_t op = 0; op < kOps; ++op) {
+        touched.insert(rng() % kKeys);
+        rng();
+      }
+      std::size_t missed = 0, spurious = 0, differ = 0;
+      for (std::uint64_t id = 0; id < kKeys; ++id) {
+        const bool was = id % 2 == 0;
+        auto now = r.find(Id{id});
+        if (was != now.has_value() || (now && !(*now == Record(id, 0)))) {
+          ++differ;
+          missed += m.delivered.count(id) == 0;
+        }
+        spurious += m.delivered.count(id) != 0 && touched.count(id) == 0;
+      }
+      if (missed != 0 || spurious != 0) {
+        std::fprintf(stderr, "reader: of %zu changed keys %zu never delivered; %zu delivered unchanged\n",
+                     differ, missed, spurious);
+        return 32;
+      }
+      auto& behind = Memtab::detail::Counters::counter("memtab." + name.value, "fellBehind");
+      return behind.value() > 0 ? 0 : 33;  // else the test proved nothing
+    });
+  });
+  EXPECT_EQ(exitStatus(reader), 0) << "30: copy differs, 31: hang, 32: keys lost, 33: never fell behind";
+  EXPECT_EQ(exitStatus(writer), 0);
+}
+
+TEST(MemtabProcesses, ReadersFollowAWriterKilledAndRestartedWithoutLosingAChange) {
+  TableName name("restart");
+  SharedProgress progress;
+  constexpr std::uint64_t kKeys = 2000;
+  {
+    Memtab::Writer<Record> first(name);
+    for (std::uint64_t id = 0; id < kKeys; id += 3) first.insert(Record(id, 0));
+  }
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 2; ++i) readers.push_back(spawn([&, i] { return follow(name.value, progress.p, i * 5); }));
+  auto writer = [&](std::uint64_t seed, std::uint64_t ops) {
+    return spawn([&, seed, ops] {
+      Memtab::Options o;
+      o.ringBytes = 8192;
+      o.corruptionHandler = [](const std::string&) {};  // repairs are expected
+      Memtab::Writer<Record> w(name.value, o);
+      std::mt19937_64 rng(seed);
+      for (std::uint64_t op = 0; op < ops; ++op) change(w, rng, kKeys, seed * 1000000000 + op + 1);
+      if (ops != kForever) {
+        w.insert(Record(kLast, seed));
+        progress->done = true;
+        return waitFor([&] { return progress->finished >= 2; }) ? 0 : 5;
+      }
+      return 0;
+    });
+  };
+  std::string why;
+  for (pid_t r : readers) {
+    ASSERT_TRUE(await(r, [&] { return progress->mounted >= 2; }, &why)) << why << "; a reader exited " << ended(r);
+  }
+  std::mt19937 rng(3);
+  for (std::uint64_t round = 1; round <= 8; ++round) {
+    pid_t w = writer(round, kForever);
+    std::this_thread::sleep_for(std::chrono::microseconds(2000 + rng() % 30000));
+    kill(w, SIGKILL);
+    ASSERT_EQ(exitStatus(w), 128 + SIGKILL);
+  }
+  pid_t last = writer(99, 5000);
+  for (pid_t r : readers) {
+    const int status = exitStatus(r);
+    EXPECT_EQ(status, 0) << "30: copy differs, 31: hang";
+  }
+  EXPECT_EQ(exitStatus(last), 0);
 }
 
 TEST(MemtabProcesses, AMillionEntries) {

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <random>
+#include <set>
 #include <vector>
 
 #include "TestValues.h"
@@ -33,6 +36,11 @@ struct Log : Memtab::Notifiee<Id> {
     statuses.clear();
   }
 };
+
+std::vector<std::uint64_t> sorted(std::vector<std::uint64_t> v) {
+  std::sort(v.begin(), v.end());
+  return v;
+}
 
 Memtab::Options ring(std::size_t bytes) {
   Memtab::Options o;
@@ -79,33 +87,170 @@ TEST(MemtabNotify, ChangesToAKeyCoalesceAndEachChangedKeyIsDeliveredOnce) {
   EXPECT_FALSE(r.contains(Id{3}));
   EXPECT_FALSE(readable(r.fd(), 0));
 
+  // Clearing the table announces the keys it removed, each once.
   log.clear();
   w.delAll();
   w.insert(Record(7, 0));
   ASSERT_TRUE(readable(r.fd(), kHangMs));
   r.processNotifications(log);
   EXPECT_EQ(log.tables, 1);
+  EXPECT_EQ(sorted(log.keys), (std::vector<std::uint64_t>{1, 2, 7}));
+  // Cleared with nothing delivered since: nothing to announce but the clear.
+  log.clear();
+  w.delAll();
+  w.delAll();
+  r.processNotifications(log);
+  EXPECT_EQ(log.tables, 1);
   EXPECT_EQ(log.keys, std::vector<std::uint64_t>{7});
 }
 
-TEST(MemtabNotify, AReaderThatFallsBehindGetsOneWholeTableNotification) {
+TEST(MemtabNotify, AReaderThatFallsBehindStillDeliversEveryChangedKeyOnce) {
   TableName name("behind");
   Memtab::Writer<Record> w(name, ring(4096));
+  for (std::uint64_t i = 0; i < 500; ++i) w.insert(Record(i, 0));
   Memtab::Reader<Record> r(name);
   Log log;
-  settle(r, log, &w);
+  settle(r, log);
   log.clear();
-  // 80-byte entries: 4096 bytes hold about fifty.
-  for (std::uint64_t i = 0; i < 1000; ++i) w.insert(Record(i, 1));
+  // 80-byte entries: 4096 bytes hold about fifty. Keys 0..99 change, 100..149
+  // are removed, 500..599 are new, 150..499 are left alone (450 is changed
+  // and changed back: a new record all the same).
+  for (std::uint64_t i = 0; i < 100; ++i) w.insert(Record(i, 1));
+  for (std::uint64_t i = 100; i < 150; ++i) w.del(Id{i});
+  for (std::uint64_t i = 500; i < 600; ++i) w.insert(Record(i, 1));
+  w.insert(Record(450, 1));
+  w.insert(Record(450, 0));
+  w.reserve(5000);  // the bucket array moves: versions do not
   r.processNotifications(log);
-  EXPECT_EQ(log.tables, 1);
-  EXPECT_TRUE(log.keys.empty());
-  EXPECT_EQ(r.size(), 1000u);
+  EXPECT_EQ(log.tables, 0);
+  std::vector<std::uint64_t> expected;
+  for (std::uint64_t i = 0; i < 150; ++i) expected.push_back(i);
+  expected.push_back(450);
+  for (std::uint64_t i = 500; i < 600; ++i) expected.push_back(i);
+  EXPECT_EQ(sorted(log.keys), expected);
+  EXPECT_EQ(log.keys.size(), expected.size()) << "a key was delivered twice";
+  EXPECT_EQ(r.shadowKeys(), 550u);
+
   log.clear();
   w.insert(Record(5, 2));
   r.processNotifications(log);
   EXPECT_EQ(log.tables, 0);
   EXPECT_EQ(log.keys, std::vector<std::uint64_t>{5});
+}
+
+// Rounds of random changes, some within the ring and some far beyond it,
+// with clears now and then: after every round the reader has delivered
+// every key that changed, and a copy kept from its deliveries alone is the
+// table.
+TEST(MemtabNotify, NoChangedKeyIsLostWhateverTheReaderMissed) {
+  TableName name("lossless");
+  Memtab::Writer<Record> w(name, ring(4096));
+  Memtab::Reader<Record> r(name);
+  struct Copy : Memtab::Notifiee<Id> {
+    Memtab::Reader<Record>* r;
+    std::map<std::uint64_t, Record> copy;
+    std::set<std::uint64_t> delivered;
+    void onKey(const Id& k) override {
+      delivered.insert(k.v);
+      if (auto v = r->find(k)) {
+        copy[k.v] = *v;
+      } else {
+        copy.erase(k.v);
+      }
+    }
+  } c;
+  c.r = &r;
+  r.processNotifications(c);
+  std::mt19937_64 rng(1);
+  std::map<std::uint64_t, Record> before;
+  for (int round = 0; round < 200; ++round) {
+    // Keys touched may or may not be delivered (a key added and removed
+    // again is as it was); keys whose entry differs must be.
+    std::set<std::uint64_t> touched;
+    const std::uint64_t ops = rng() % 4 == 0 ? rng() % 3000 : rng() % 40;
+    for (std::uint64_t op = 0; op < ops; ++op) {
+      const std::uint64_t id = rng() % 500;
+      touched.insert(id);
+      if (rng() % 3 == 0) {
+        w.del(Id{id});
+      } else {
+        w.insert(Record(id, rng() % 4));
+      }
+    }
+    if (rng() % 50 == 0) {
+      for (const Record& v : w) touched.insert(v.id);
+      w.delAll();
+    }
+    c.delivered.clear();
+    r.processNotifications(c);
+    std::map<std::uint64_t, Record> actual;
+    for (const Record& v : r) actual[v.id] = v;
+    for (std::uint64_t k = 0; k < 500; ++k) {
+      const bool differs = before.count(k) != actual.count(k) || (actual.count(k) && !(before[k] == actual[k]));
+      if (differs) {
+        ASSERT_TRUE(c.delivered.count(k)) << "round " << round << ": changed key " << k;
+      }
+      if (c.delivered.count(k)) {
+        ASSERT_TRUE(touched.count(k)) << "round " << round << ": untouched key " << k;
+      }
+    }
+    ASSERT_EQ(c.copy, actual) << "round " << round;
+    before = actual;
+  }
+}
+
+TEST(MemtabNotify, AWriterThatNeverPollsServesReadersThatJoinAtAnyTime) {
+  TableName name("nopoll");
+  Memtab::Reader<Record> early(name);  // before the table exists
+  Memtab::Writer<Record> w(name);      // never serviceReaders(), never polled
+  Log earlyLog, lateLog;
+  ASSERT_TRUE(readable(early.fd(), kHangMs)) << "table creation went unnoticed";
+  early.processNotifications(earlyLog);
+  EXPECT_EQ(earlyLog.statuses, std::vector{MountStatus::mounted});
+  earlyLog.clear();
+  w.insert(Record(1, 1));
+  ASSERT_TRUE(readable(early.fd(), kHangMs)) << "the first change did not wake the reader";
+  early.processNotifications(earlyLog);
+  EXPECT_EQ(earlyLog.keys, std::vector<std::uint64_t>{1});
+
+  Memtab::Reader<Record> late(name);  // joins between two changes
+  late.processNotifications(lateLog);
+  EXPECT_EQ(lateLog.tables, 1);
+  EXPECT_EQ(late.lookup(Id{1}), Record(1, 1));
+  lateLog.clear();
+  w.insert(Record(2, 1));
+  ASSERT_TRUE(readable(late.fd(), kHangMs)) << "the next change did not take the reader in";
+  late.processNotifications(lateLog);
+  EXPECT_EQ(lateLog.keys, std::vector<std::uint64_t>{2});
+  EXPECT_EQ(w.readers(), 2u);
+  w.insert(Record(3, 1));
+  ASSERT_TRUE(readable(late.fd(), kHangMs));
+  late.processNotifications(lateLog);
+  EXPECT_EQ(lateLog.keys, (std::vector<std::uint64_t>{2, 3}));
+}
+
+TEST(MemtabNotify, ReplayAnnouncesEveryPresentKeyOnce) {
+  TableName name("replay");
+  Memtab::Writer<Record> w(name);
+  for (std::uint64_t i = 0; i < 300; ++i) w.insert(Record(i, 0));
+  w.del(Id{7});
+  Memtab::Reader<Record> r(name);
+  Log log;
+  settle(r, log);
+  EXPECT_TRUE(log.keys.empty()) << "the first mapping is announced as a whole";
+  log.clear();
+  r.replay(log);
+  std::vector<std::uint64_t> expected;
+  for (std::uint64_t i = 0; i < 300; ++i)
+    if (i != 7) expected.push_back(i);
+  EXPECT_EQ(sorted(log.keys), expected);
+  EXPECT_EQ(log.keys.size(), expected.size());
+  EXPECT_EQ(log.tables, 0);
+  // Replaying changes nothing of what processNotifications() owes.
+  log.clear();
+  w.insert(Record(3, 1));
+  settle(r, log);
+  EXPECT_EQ(log.keys, std::vector<std::uint64_t>{3});
 }
 
 TEST(MemtabNotify, MountStatusFollowsTheTableAndItsWriter) {
@@ -150,7 +295,18 @@ TEST(MemtabNotify, MountStatusFollowsTheTableAndItsWriter) {
   r.processNotifications(log);
   EXPECT_EQ(log.statuses, std::vector{MountStatus::unmounted});
   EXPECT_EQ(log.tables, 1);
+  EXPECT_EQ(sorted(log.keys), (std::vector<std::uint64_t>{1, 2})) << "removed keys are announced";
   EXPECT_EQ(r.lookup(Id{1}), Record());
+
+  // A new table under the name: every key it holds is new to this reader.
+  log.clear();
+  w.reset();
+  w = std::make_unique<Memtab::Writer<Record>>(name.value);
+  w->insert(Record(4, 4));
+  ASSERT_TRUE(readable(r.fd(), kHangMs));
+  settle(r, log, w.get());
+  EXPECT_EQ(log.statuses, std::vector{MountStatus::mounted});
+  EXPECT_EQ(log.keys, std::vector<std::uint64_t>{4});
 }
 
 TEST(MemtabNotify, WriterAndLocalTableNotifyTheirOwnNotifieeAsTheyChange) {
