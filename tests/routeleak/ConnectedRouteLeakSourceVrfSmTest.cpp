@@ -260,3 +260,22 @@ TEST(ConnectedRouteLeakSourceVrfSm, RandomHistoryEndsAtTheTablesIndex) {
 }
 
 }  // namespace
+
+namespace {
+
+// The Tracelet record names the prefix as its type prints it, whatever the
+// family and length.
+TEST(ConnectedRouteLeakSourceVrfSm, TraceletNamesThePrefixAsItPrints) {
+  Machine m;
+  m.start();
+  for (const char* p : {"0.0.0.0/0", "255.255.255.255/32", "192.168.10.0/23", "1.2.3.4/32", "2001:db8::/32",
+                        "::/0", "::ffff:10.0.0.0/104"}) {
+    m.status->leakedRouteIs(leak(7, p, 70));
+    auto entries = Tracelet::processRing().entries();
+    ASSERT_FALSE(entries.empty());
+    EXPECT_EQ(entries.back().text, " Handle leaked route, source vrf: 70, dest vrf: 7, adding prefix: " +
+                                       valueToStrep(prefix(p)).str());
+  }
+}
+
+}  // namespace
