@@ -9,16 +9,19 @@
 // a value that moved between source VRFs under one key would, by design,
 // leave its old source in the index, and then the result would depend on
 // which intermediate values the reader happened to see.
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <random>
@@ -261,6 +264,63 @@ TEST_F(CrossProcess, WriterKilledAndRestarted) {
   done.signal();
   const int status = exitStatus(r);
   EXPECT_EQ(status, 0) << readerMeaning(status);
+}
+
+}  // namespace
+
+namespace {
+
+// A damaged record in the shared table reaches the table's corruption
+// handler, from the machine's sweep and from its per-key lookups alike; the
+// machine goes on with what it could read.
+TEST(LeakedRouteTable, CorruptionGoesToTheTablesHandler) {
+  const std::string table = "routeleakbad" + std::to_string(getpid());
+  struct Unlink {
+    std::string name;
+    ~Unlink() { Memtab::unlinkTable(name); }
+  } unlink{table};
+  auto writer = connectedRouteLeakStatusFactory(Cog::Name("w"));
+  writer->leakedRouteWriterIs(table);
+  const RouteLeakedToVrf damaged(DestVrfPrefix(VrfId(0x5EED5EED), prefixOf(1)), VrfId(3));
+  writer->leakedRouteIs(damaged);
+
+  // Overwrite the address family of the record's image with one that
+  // does not exist.
+  std::vector<std::uint8_t> image(damaged.serializeLen());
+  damaged.serialize(image.data());
+  int fd = shm_open(("/memtab." + table).c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0);
+  struct stat st;
+  ASSERT_EQ(fstat(fd, &st), 0);
+  auto* base = static_cast<std::uint8_t*>(
+      mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  close(fd);
+  ASSERT_NE(base, MAP_FAILED);
+  // Every copy: the change ring holds one too.
+  int copies = 0;
+  const std::size_t size = static_cast<std::size_t>(st.st_size);
+  for (std::size_t from = 0; from < size;) {
+    auto* at = static_cast<std::uint8_t*>(memmem(base + from, size - from, image.data(), image.size()));
+    if (at == nullptr) break;
+    at[7] = 9;
+    ++copies;
+    from = static_cast<std::size_t>(at - base) + 1;
+  }
+  ASSERT_GE(copies, 1);
+  munmap(base, static_cast<std::size_t>(st.st_size));
+
+  std::vector<std::string> messages;
+  Memtab::Options options;
+  options.corruptionHandler = [&](const std::string& m) { messages.push_back(m); };
+  auto status = connectedRouteLeakStatusFactory(Cog::Name("r"));
+  status->leakedRouteReaderIs(table, options);
+  auto local = connectedRouteLeakLocalStatusFactory();
+  auto sm = ConnectedRouteLeakSourceVrfSmIs(status, local);
+  EXPECT_EQ(messages.size(), 1u);
+  sm->handleLeakedRoute(damaged.destVrfPrefix());
+  EXPECT_EQ(messages.size(), 2u);
+  EXPECT_EQ(local->leakedRouteBySourceVrf().size(), 0u);
+  EXPECT_EQ(sm->prevCrlStatus()->leakedRoute().size(), 0u);
 }
 
 }  // namespace
