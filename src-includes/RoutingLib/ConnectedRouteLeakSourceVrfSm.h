@@ -13,9 +13,11 @@
 // sweeps every key of the table. A key present adds D to (S, P); a key
 // absent removes D from the (S, P) its previous value named, and the entry
 // with its last D. A value that changes S under the same key is handled as
-// an add: the old S keeps D until that key is deleted, and even then (the
-// delete undoes the newest S only). Reverse-index entries are removed by
-// the machine, never by themselves.
+// an add: the old S keeps D, and a later delete of the key undoes the
+// newest S only. Reverse-index entries are removed by the machine, never by
+// themselves. A reader's whole-table notification (the table first mapped)
+// is not handled here: an agent answers it with the sweep
+// handleLeakedRoute() inside the delivery.
 //
 // Traces (handle "ConnectedRouteLeakSourceVrfSm"): the handler's name at
 // level 8, changes at 6, ignored deletes at 9; changes also go to the
