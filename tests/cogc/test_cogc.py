@@ -127,6 +127,57 @@ class Compiler(unittest.TestCase):
             "Bad.cog:7: error: input i must point at an entity, not A::V",
         ])
 
+    def test_made_outputs_are_no_constructor_arguments(self):
+        m = self.model("""\
+            namespace A {
+              entity S(name: Name) { n: u32; }
+              entity L { n: u32; }
+              reactor R { input i: S reacts n; output o: L; output p: S made "Previous"; }
+            }
+            """)
+        self.assertIn("    260 output p: A::S made 'Previous'\n", m)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(os.path.join(self.dir.name, "Good.cog"), "-o", out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Good.cpp")) as f:
+            cpp = f.read()
+        self.assertIn("R::R(const Cog::Ptr<const A::S>& i, const Cog::Ptr<A::L>& o) {", cpp)
+        self.assertIn('  pIs(A::sFactory(Cog::Name("Previous")));\n  initializedIs(true);', cpp)
+        self.assertIn(" takes 2 constructor arguments", cpp)
+        errs = self.errors("""\
+            namespace A {
+              entity L { n: u32; }
+              reactor R { output o: L made "x"; }
+              reactor Q {
+                output q: L made 3;
+              }
+            }
+            """)
+        self.assertEqual(errs, [
+            "Bad.cog:3: error: a made output is created by name; A::L is not constructed from "
+            "(name: Name)",
+            "Bad.cog:5: error: expected the name of the made output, found '3'",
+        ])
+
+    def test_a_reactor_on_a_table_is_handed_the_key(self):
+        self.write("Good.cog", """\
+            namespace A {
+              value K { k: u32; }
+              value E { key: K; w: u32; }
+              entity S(name: Name) { e: memtab<E>; }
+              reactor R { input s: S reacts e; }
+            }
+            """)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(os.path.join(self.dir.name, "Good.cog"), "-o", out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Good.cpp")) as f:
+            cpp = f.read()
+        self.assertIn("void R::CogS::onE(const Memtab::KeyOf<A::E>& key) {", cpp)
+        self.assertIn("  owner_->handleE(key);\n", cpp)
+        # The initial sweep visits every key of the table.
+        self.assertIn("for (const auto& v : s_->e()) handleE(Memtab::ValueTraits<A::E>::key(v));", cpp)
+
     def test_bound_texts(self):
         m = self.model("""\
             namespace A {

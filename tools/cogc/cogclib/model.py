@@ -155,6 +155,7 @@ class Member:
         self.is_const = False
         self.is_static = False
         self.reacts = []  # inputs: list of Member of the input's type
+        self.made = None  # outputs the reactor makes itself: the name it gives them
         self.keyed_by = None  # collections of values that carry their key: that attribute
         self.owner = None
 
@@ -999,6 +1000,14 @@ class Model:
         m = Member(syn.kind, syn.name, syn.pos)
         m.type = t
         m.syntax_reacts = syn.reacts
+        if syn.made is not None:
+            params = t.ctor_params() if isinstance(t, Record) else []
+            if len(params) != 1 or params[0].name != "name":
+                self.diags.error(syn.type.pos, "a made output is created by name; %s is not "
+                                 "constructed from (name: Name)" % t.full_name)
+            elif not syn.made:
+                self.diags.error(syn.pos, "output %s is made with an empty name" % syn.name)
+            m.made = syn.made
         return m
 
     def resolve_reacts(self, r):
@@ -1069,6 +1078,8 @@ def describe_member(m):
         s += " in [%s, %s]" % (m.bounds.lo.text, m.bounds.hi.text)
     if m.reacts:
         s += " reacts %s" % ", ".join(x.name for x in m.reacts)
+    if m.made is not None:
+        s += " made %r" % m.made
     if m.keyed_by is not None:
         s += " keyedBy %s" % m.keyed_by.name
     for f in m.flags:

@@ -257,8 +257,13 @@ class Parser:
                     reacts.append((r.text, r.pos))
                     if not self.accept(","):
                         break
+            made = None
+            if t.text == "output" and self.accept("made"):
+                if self.tok.kind != "string":
+                    self.fail("expected the name of the made output, found %s" % self.describe())
+                made = self.take().text
             self.expect(";")
-            return S.Link(t.text, n.text, ty, reacts, n.pos)
+            return S.Link(t.text, n.text, ty, reacts, n.pos, made)
         n = self.name("an attribute, const, fn, input, output or owned")
         self.expect(":")
         ty = self.type_ref()

@@ -89,6 +89,7 @@ class Link:
     type: TypeRef
     reacts: List[tuple]  # (attribute name, Position) for inputs
     pos: Position
+    made: Optional[str] = None  # outputs: the name the reactor makes it with
 
 
 @dataclass
