@@ -181,6 +181,48 @@ class Compiler(unittest.TestCase):
             "Bad.cog:4: error: a shared-memory table holds value types, not U8",
         ])
 
+    def test_reacting_to_a_memtab_with_named_handlers(self):
+        src = """\
+            namespace A {
+              value K { v: u32; }
+              value E { key: K; cpp "std::size_t serializeLen() const;"; }
+              entity T(name: Name) { t: memtab<E>; u: memtab<E>; n: u8; }
+              entity O(name: Name) { }
+              reactor R {
+                input i: T reacts t -> handleRoute, u, n;
+                output o: O;
+                fn handleRoute(key: K);
+              }
+            }
+            """
+        m = self.model(src)
+        self.assertIn("input i: A::T reacts t -> handleRoute, u, n", m)
+        path = self.write("Gen.cog", src)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(path, "-o", out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Gen.h")) as f:
+            h = f.read()
+        with open(os.path.join(out, "Gen.cpp")) as f:
+            cpp = f.read()
+        # The named handler is the declared function; the others are implicit.
+        self.assertIn("void handleU(const Memtab::KeyOf<A::E>& key);", h)
+        self.assertIn("void handleN();", h)
+        self.assertNotIn("handleT", h + cpp)
+        # The nested notifiee forwards the key and keeps onT() visible.
+        self.assertIn("using A::T::NotifieeConst::onT;", h)
+        self.assertIn("owner_->handleRoute(key);", cpp)
+        self.assertIn("owner_->handleU(key);", cpp)
+        self.assertIn("owner_->handleN();", cpp)
+        errs = self.errors("""\
+            namespace A {
+              entity T(name: Name) { n: u8; }
+              reactor R { input i: T reacts n -> ; }
+            }
+            """)
+        self.assertEqual(len(errs), 1)
+        self.assertIn("Bad.cog:3:", errs[0])
+
     def header(self, path, text):
         full = os.path.join(self.dir.name, "platform", path)
         os.makedirs(os.path.dirname(full), exist_ok=True)

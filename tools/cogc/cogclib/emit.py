@@ -117,7 +117,7 @@ def handlers(r):
         if m.kind != "input":
             continue
         for x in m.reacts:
-            name = "handle" + x.cap
+            name = m.react_handlers.get(x.name, "handle" + x.cap)
             out.append((name, m, x, name not in declared))
     return out
 

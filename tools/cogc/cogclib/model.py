@@ -155,6 +155,7 @@ class Member:
         self.is_const = False
         self.is_static = False
         self.reacts = []  # inputs: list of Member of the input's type
+        self.react_handlers = {}  # inputs: reacted name -> handler named with `->`
         self.keyed_by = None  # collections of values that carry their key: that attribute
         self.owner = None
 
@@ -1006,13 +1007,15 @@ class Model:
             if m.kind != "input":
                 continue
             avail = {x.name: x for x in m.type.all_members()} if isinstance(m.type, Record) else {}
-            for name, pos in m.syntax_reacts:
+            for name, pos, handler in m.syntax_reacts:
                 x = avail.get(name)
                 if x is None or not x.is_stored() or x.kind == "param":
                     self.diags.error(pos, "%s has no notifying attribute %s"
                                      % (m.type.full_name, name))
                     continue
                 m.reacts.append(x)
+                if handler is not None:
+                    m.react_handlers[x.name] = handler
 
     # ---------------------------------------------------------------- dump
     def dump(self, unit):
@@ -1068,7 +1071,9 @@ def describe_member(m):
     if m.bounds is not None:
         s += " in [%s, %s]" % (m.bounds.lo.text, m.bounds.hi.text)
     if m.reacts:
-        s += " reacts %s" % ", ".join(x.name for x in m.reacts)
+        s += " reacts %s" % ", ".join(
+            x.name + (" -> " + m.react_handlers[x.name] if x.name in m.react_handlers else "")
+            for x in m.reacts)
     if m.keyed_by is not None:
         s += " keyedBy %s" % m.keyed_by.name
     for f in m.flags:
