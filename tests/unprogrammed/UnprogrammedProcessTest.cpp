@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "Activity/Counter.h"
 #include "Memtab/Segment.h"
 #include "RoutingLib/KernelUnprogrammedRouteSplitterSm.h"
 #include "support/ToolRun.h"
@@ -241,6 +242,8 @@ TEST(UnprogrammedProcesses, StatusSideAgreesWithTheTables) {
     expectAgree(*status, *counts, *sets, "after phase " + std::to_string(p));
   }
   ASSERT_GT(entries(*status), 3000u);
+  // The large phases did overflow the ring.
+  EXPECT_GT(Activity::CounterWriter::process().counter("memtab." + names.n4 + ".fellBehind").value(), 0u);
 
   // The kernel side dies without warning; a new process takes the tables over.
   writer->kill();
