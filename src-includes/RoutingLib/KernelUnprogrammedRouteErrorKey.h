@@ -22,6 +22,7 @@
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
 #include "Cog/String.h"
+#include "Memtab/Table.h"
 #include "RoutingLib/VrfName.h"
 #include "Velnet/IpGenPrefix.h"
 #include "Vrf/VrfId.h"
@@ -105,4 +106,29 @@ struct std::hash<Memtab::KernelUnprogrammedRoute::ErrorKey> {
   std::size_t operator()(const Memtab::KernelUnprogrammedRoute::ErrorKey& k) const noexcept {
     return k.hash();
   }
+};
+
+namespace Memtab::KernelUnprogrammedRoute {
+class Error;
+class Error6;
+}  // namespace Memtab::KernelUnprogrammedRoute
+
+// The tables record their value types by these names, which `routinglib
+// memtab list` shows and dump finds the registrations by.
+template <>
+struct Memtab::ValueTraits<Memtab::KernelUnprogrammedRoute::Error> {
+  template <class V>
+  static decltype(auto) key(const V& v) {
+    return v.key();
+  }
+  static const char* typeName() { return "Memtab::KernelUnprogrammedRoute::Error"; }
+};
+
+template <>
+struct Memtab::ValueTraits<Memtab::KernelUnprogrammedRoute::Error6> {
+  template <class V>
+  static decltype(auto) key(const V& v) {
+    return v.key();
+  }
+  static const char* typeName() { return "Memtab::KernelUnprogrammedRoute::Error6"; }
 };

@@ -255,7 +255,18 @@ TEST(UnprogrammedProcesses, StatusSideAgreesWithTheTables) {
     expectAgree(*status, *counts, *sets, "after restart, phase " + std::to_string(p));
   }
 
-  // The tool prints one memtabString() line per entry of the live table.
+  // The tool lists both tables with their value types and prints one
+  // memtabString() line per entry of a live table.
+  const auto list = testsupport::runRoutinglib("memtab list");
+  EXPECT_EQ(list.status, 0) << list.output;
+  for (const auto& [n, type] : {std::pair{names.n4, std::string("Memtab::KernelUnprogrammedRoute::Error")},
+                                std::pair{names.n6, std::string("Memtab::KernelUnprogrammedRoute::Error6")}}) {
+    std::istringstream lines(list.output);
+    bool found = false;
+    for (std::string l; std::getline(lines, l);)
+      if (l.rfind(n + " ", 0) == 0) found = l.find(" " + type + " ") != std::string::npos;
+    EXPECT_TRUE(found) << n << " " << type << "\n" << list.output;
+  }
   const auto dump = testsupport::runRoutinglib("memtab dump " + names.n6);
   EXPECT_EQ(dump.status, 0) << dump.output;
   std::set<std::string> want;
