@@ -6,7 +6,9 @@
 //   Record/Lmdb      baseline: the same Error / Error6 images put one by one
 //                    into LMDB (MDB_NOSYNC | MDB_WRITEMAP), a transaction
 //                    per put, keyed by the ErrorKey image
-//   Record/Memtab    errorIs / error6Is into the shared tables; counter
+//   Record/Memtab/0  errorIs / error6Is into the shared tables, from empty;
+//   Record/Memtab/1  the same into tables sized for 1M entries up front;
+//                    counter
 //                    "vsBaseline" is its rate over Record/Lmdb, and
 //                    "bytesBeyondImage" the segment bytes per failed route
 //                    beyond the route's image
@@ -184,8 +186,10 @@ void recordLmdb(benchmark::State& state) {
   if (failed) state.SkipWithError("mdb_put failed");
 }
 
+// state.range(0): 1 to size the tables for the workload up front.
 void recordMemtab(benchmark::State& state) {
   const Workload& w = workload();
+  const bool presized = state.range(0) != 0;
   double bytesBeyond = 0;
   Stopwatch sw;
   for (auto _ : state) {
@@ -193,9 +197,14 @@ void recordMemtab(benchmark::State& state) {
     Names names;
     Memtab::Options o;
     o.ringBytes = 0;  // no readers here: the change ring is not what is measured
+    Memtab::Options o6 = o;
+    if (presized) {
+      o.capacity = w.v4.size();
+      o6.capacity = w.v6.size();
+    }
     auto kernel = unprogrammedRouteFactory(Cog::Name("kernel"));
     kernel->errorWriterIs(names.n4, o);
-    kernel->error6WriterIs(names.n6, o);
+    kernel->error6WriterIs(names.n6, o6);
     state.ResumeTiming();
     sw.go();
     record(*kernel, w);
@@ -296,6 +305,6 @@ void notifyMachines(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(recordLmdb)->Name("Record/Lmdb")->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(recordMemtab)->Name("Record/Memtab")->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(recordMemtab)->Name("Record/Memtab")->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(notifyRaw)->Name("Notify/Raw")->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(notifyMachines)->Name("Notify/Machines")->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();

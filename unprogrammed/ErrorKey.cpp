@@ -105,8 +105,9 @@ bool operator<(const ErrorKey& a, const ErrorKey& b) {
 
 Cog::HashValue ErrorKey::hash() const {
   std::uint32_t h = 0;
-  const Cog::String text = vrfNameText();
-  const std::uint32_t s = text.empty() ? 0 : Cog::stringHash(text.str().data(), text.size());
+  const char* text = reinterpret_cast<const char*>(name_);
+  const std::size_t n = strnlen(text, nameCount_);
+  const std::uint32_t s = n == 0 ? 0 : Cog::stringHash(text, n);
   unsigned char sb[4];
   std::memcpy(sb, &s, 4);
   oneAtATime(h, sb, 4);
