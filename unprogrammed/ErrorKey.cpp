@@ -10,6 +10,7 @@
 #include "Cog/Assert.h"
 #include "Cog/Exception.h"
 #include "Cog/Generated.h"
+#include "RoutingLib/KernelUnprogrammedRoute.h"
 
 namespace Memtab::KernelUnprogrammedRoute {
 
@@ -153,3 +154,8 @@ const Cog::Ptr<Cog::NboAttrLog::Out>& operator<<(const Cog::Ptr<Cog::NboAttrLog:
 }
 
 }  // namespace Memtab::KernelUnprogrammedRoute
+
+template <>
+Cog::TypeGlue Cog::Glue::ValueGlue<Memtab::KernelUnprogrammedRoute::ErrorKey>::externalGlue() {
+  return TypeGlue{&attributeOp, nullptr, &fromDefaultOrString, &samples, &fromAttrLog};
+}

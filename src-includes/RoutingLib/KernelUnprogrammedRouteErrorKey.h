@@ -19,6 +19,7 @@
 #include <iosfwd>
 #include <type_traits>
 
+#include "Cog/Generated.h"
 #include "Cog/Hash.h"
 #include "Cog/NboAttrLog.h"
 #include "Cog/String.h"
@@ -32,6 +33,9 @@ namespace Memtab::KernelUnprogrammedRoute {
 class ErrorKey {
  public:
   static constexpr std::uint32_t nameCapacity = Vrf::VrfIdMap::VrfNameIndex::capacity;
+  // Tells the schema compiler that neither this key nor a value holding it
+  // can be parsed from text.
+  static constexpr bool cogHasCollection = true;
   using NameIterator = const unsigned char*;
 
   ErrorKey() = default;
@@ -100,6 +104,11 @@ const Cog::Ptr<Cog::NboAttrLog::Out>& operator<<(const Cog::Ptr<Cog::NboAttrLog:
                                                  const ErrorKey& k);
 
 }  // namespace Memtab::KernelUnprogrammedRoute
+
+// Reflection offers no text parser for the key (it has a collection);
+// defined in unprogrammed/ErrorKey.cpp.
+template <>
+Cog::TypeGlue Cog::Glue::ValueGlue<Memtab::KernelUnprogrammedRoute::ErrorKey>::externalGlue();
 
 template <>
 struct std::hash<Memtab::KernelUnprogrammedRoute::ErrorKey> {

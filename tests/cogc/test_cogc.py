@@ -181,6 +181,26 @@ class Compiler(unittest.TestCase):
             "Bad.cog:4: error: a shared-memory table holds value types, not U8",
         ])
 
+    def test_values_holding_an_extern_with_a_collection_have_no_text_parser(self):
+        self.header("X/Key.h", "class Key { static constexpr bool cogHasCollection = true; };\n")
+        self.header("X/Plain.h", "class Plain {};\n")
+        src = """\
+            extern value X::Key header "X/Key.h";
+            extern value X::Plain header "X/Plain.h";
+            namespace A {
+              value E { code: u32; key: X::Key; }
+              value P { code: u32; p: X::Plain; }
+            }
+            """
+        path = self.write("Ext.cog", src)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(path, "-o", out, "-I", self.dir.name)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Ext.cpp")) as f:
+            cpp = f.read()
+        self.assertNotIn("ValueGlue<E>::fromStrRep", cpp)
+        self.assertIn("ValueGlue<P>::fromStrRep", cpp)
+
     def test_reacting_to_a_memtab_with_named_handlers(self):
         src = """\
             namespace A {

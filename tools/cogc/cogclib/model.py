@@ -102,6 +102,9 @@ class Extern(Type):
         self.unit = unit
         self.name = decl.name.split("::")[-1]
         self.pos = decl.pos
+        # The header says `cogHasCollection`: the type holds a collection and
+        # has no text form to parse, nor have the values that hold it.
+        self.has_collection = False
 
 
 class ExternEnum(Extern):
@@ -385,9 +388,11 @@ class Model:
                                 " or ".join(os.path.basename(r.rstrip("/")) + "/"
                                             for r in self.header_roots)))
             return
+        with open(path, encoding="utf-8", errors="replace") as f:
+            text = f.read()
+        if not isinstance(t, ExternEnum):
+            t.has_collection = re.search(r"\bcogHasCollection\b", text) is not None
         if isinstance(t, ExternEnum):
-            with open(path, encoding="utf-8", errors="replace") as f:
-                text = f.read()
             if not re.search(r"\benum\s+(?:class\s+|struct\s+)?%s\b" % re.escape(t.name), text):
                 self.diags.error(pos, "header %s declares no enumeration %s"
                                  % (t.header, t.name))
