@@ -176,7 +176,7 @@ class Compiler(unittest.TestCase):
         self.assertIn("void R::CogS::onE(const Memtab::KeyOf<A::E>& key) {", cpp)
         self.assertIn("  owner_->handleE(key);\n", cpp)
         # The initial sweep visits every key of the table.
-        self.assertIn("for (const auto& v : s_->e()) handleE(Memtab::ValueTraits<A::E>::key(v));", cpp)
+        self.assertIn("for (const auto& value : s_->e()) handleE(Memtab::ValueTraits<A::E>::key(value));", cpp)
 
     def test_bound_texts(self):
         m = self.model("""\
@@ -231,6 +231,68 @@ class Compiler(unittest.TestCase):
             "Bad.cog:3: error: a shared-memory table belongs to an entity, not to value type V",
             "Bad.cog:4: error: a shared-memory table holds value types, not U8",
         ])
+
+    def test_values_holding_an_extern_with_a_collection_have_no_text_parser(self):
+        self.header("X/Key.h", "class Key { static constexpr bool cogHasCollection = true; };\n")
+        self.header("X/Plain.h", "class Plain {};\n")
+        src = """\
+            extern value X::Key header "X/Key.h";
+            extern value X::Plain header "X/Plain.h";
+            namespace A {
+              value E { code: u32; key: X::Key; }
+              value P { code: u32; p: X::Plain; }
+            }
+            """
+        path = self.write("Ext.cog", src)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(path, "-o", out, "-I", self.dir.name)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Ext.cpp")) as f:
+            cpp = f.read()
+        self.assertNotIn("ValueGlue<E>::fromStrRep", cpp)
+        self.assertIn("ValueGlue<P>::fromStrRep", cpp)
+
+    def test_reacting_to_a_memtab_with_named_handlers(self):
+        src = """\
+            namespace A {
+              value K { v: u32; }
+              value E { key: K; cpp "std::size_t serializeLen() const;"; }
+              entity T(name: Name) { t: memtab<E>; u: memtab<E>; n: u8; }
+              entity O(name: Name) { }
+              reactor R {
+                input i: T reacts t -> handleRoute, u, n;
+                output o: O;
+                fn handleRoute(key: K);
+              }
+            }
+            """
+        m = self.model(src)
+        self.assertIn("input i: A::T reacts t -> handleRoute, u, n", m)
+        path = self.write("Gen.cog", src)
+        out = os.path.join(self.dir.name, "gen")
+        r = self.run_cogc(path, "-o", out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(os.path.join(out, "Gen.h")) as f:
+            h = f.read()
+        with open(os.path.join(out, "Gen.cpp")) as f:
+            cpp = f.read()
+        # The named handler is the declared function; the others are implicit.
+        self.assertIn("void handleU(const Memtab::KeyOf<A::E>& key);", h)
+        self.assertIn("void handleN();", h)
+        self.assertNotIn("handleT", h + cpp)
+        # The nested notifiee forwards the key and keeps onT() visible.
+        self.assertIn("using A::T::NotifieeConst::onT;", h)
+        self.assertIn("owner_->handleRoute(key);", cpp)
+        self.assertIn("owner_->handleU(key);", cpp)
+        self.assertIn("owner_->handleN();", cpp)
+        errs = self.errors("""\
+            namespace A {
+              entity T(name: Name) { n: u8; }
+              reactor R { input i: T reacts n -> ; }
+            }
+            """)
+        self.assertEqual(len(errs), 1)
+        self.assertIn("Bad.cog:3:", errs[0])
 
     def header(self, path, text):
         full = os.path.join(self.dir.name, "platform", path)

@@ -117,9 +117,17 @@ def handlers(r):
         if m.kind != "input":
             continue
         for x in m.reacts:
-            name = "handle" + x.cap
+            name = m.react_handlers.get(x.name, "handle" + x.cap)
             out.append((name, m, x, name not in declared))
     return out
+
+
+def parsable(t):
+    """Whether value type t has a text form to parse: not when it, or an
+    external value it holds, has a collection."""
+    if t.own("collection"):
+        return False
+    return not any(isinstance(a.type, Extern) and a.type.has_collection for a in t.own("attr"))
 
 
 def topo(records):
@@ -169,7 +177,8 @@ class Emitter:
         self.env.filters.update(lcfirst=lcfirst, on_params=on_params, key_arg=key_arg,
                                 key_cpp=key_cpp)
         self.env.globals.update(unwrap=unwrap)
-        self.env.globals.update(notifies=notifies, entity_value=entity_value, handlers=handlers)
+        self.env.globals.update(notifies=notifies, entity_value=entity_value, handlers=handlers,
+                                parsable=parsable)
         self.env.globals.update(signature=signature, ns_open=ns_open, ns_close=ns_close,
                                 isinstance=isinstance, Record=Record, Enum=Enum,
                                 Builtin=Builtin, Extern=Extern,

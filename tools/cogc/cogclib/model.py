@@ -102,6 +102,9 @@ class Extern(Type):
         self.unit = unit
         self.name = decl.name.split("::")[-1]
         self.pos = decl.pos
+        # The header says `cogHasCollection`: the type holds a collection and
+        # has no text form to parse, nor have the values that hold it.
+        self.has_collection = False
 
 
 class ExternEnum(Extern):
@@ -156,6 +159,7 @@ class Member:
         self.is_static = False
         self.reacts = []  # inputs: list of Member of the input's type
         self.made = None  # outputs the reactor makes itself: the name it gives them
+        self.react_handlers = {}  # inputs: reacted name -> handler named with `->`
         self.keyed_by = None  # collections of values that carry their key: that attribute
         self.owner = None
 
@@ -385,9 +389,11 @@ class Model:
                                 " or ".join(os.path.basename(r.rstrip("/")) + "/"
                                             for r in self.header_roots)))
             return
+        with open(path, encoding="utf-8", errors="replace") as f:
+            text = f.read()
+        if not isinstance(t, ExternEnum):
+            t.has_collection = re.search(r"\bcogHasCollection\b", text) is not None
         if isinstance(t, ExternEnum):
-            with open(path, encoding="utf-8", errors="replace") as f:
-                text = f.read()
             if not re.search(r"\benum\s+(?:class\s+|struct\s+)?%s\b" % re.escape(t.name), text):
                 self.diags.error(pos, "header %s declares no enumeration %s"
                                  % (t.header, t.name))
@@ -1015,13 +1021,15 @@ class Model:
             if m.kind != "input":
                 continue
             avail = {x.name: x for x in m.type.all_members()} if isinstance(m.type, Record) else {}
-            for name, pos in m.syntax_reacts:
+            for name, pos, handler in m.syntax_reacts:
                 x = avail.get(name)
                 if x is None or not x.is_stored() or x.kind == "param":
                     self.diags.error(pos, "%s has no notifying attribute %s"
                                      % (m.type.full_name, name))
                     continue
                 m.reacts.append(x)
+                if handler is not None:
+                    m.react_handlers[x.name] = handler
 
     # ---------------------------------------------------------------- dump
     def dump(self, unit):
@@ -1077,7 +1085,9 @@ def describe_member(m):
     if m.bounds is not None:
         s += " in [%s, %s]" % (m.bounds.lo.text, m.bounds.hi.text)
     if m.reacts:
-        s += " reacts %s" % ", ".join(x.name for x in m.reacts)
+        s += " reacts %s" % ", ".join(
+            x.name + (" -> " + m.react_handlers[x.name] if x.name in m.react_handlers else "")
+            for x in m.reacts)
     if m.made is not None:
         s += " made %r" % m.made
     if m.keyed_by is not None:

@@ -254,7 +254,10 @@ class Parser:
             if t.text == "input" and self.accept("reacts"):
                 while True:
                     r = self.name("an attribute of the input")
-                    reacts.append((r.text, r.pos))
+                    handler = None
+                    if self.accept("->"):
+                        handler = self.name("a handler name").text
+                    reacts.append((r.text, r.pos, handler))
                     if not self.accept(","):
                         break
             made = None

@@ -87,7 +87,7 @@ class Link:
     kind: str  # 'input', 'output', 'owned'
     name: str
     type: TypeRef
-    reacts: List[tuple]  # (attribute name, Position) for inputs
+    reacts: List[tuple]  # (attribute name, Position, handler name or None) for inputs
     pos: Position
     made: Optional[str] = None  # outputs: the name the reactor makes it with
 
