@@ -546,7 +546,7 @@ void UpsertWithReader(benchmark::State& state) {
     w.insert(makeValue(kLastKey + 1, 0));  // takes the reader in
     const auto& probes = data().probes;
     std::mt19937_64 rng(7);
-    std::uint64_t done = 0, seq = 1;
+    std::uint64_t seq = 1;
     for (auto _ : state) {
       const double start = cpuNs();
       for (std::size_t i = 0; i < probes.size(); ++i) {
@@ -554,7 +554,6 @@ void UpsertWithReader(benchmark::State& state) {
         w.insert(makeValue(id, seq++));
         shared->changed[id] = 1;
       }
-      done += probes.size();
       rate = static_cast<double>(probes.size()) * 1e9 / (cpuNs() - start);
     }
     w.insert(makeValue(kLastKey, 1));
