@@ -21,7 +21,7 @@
 #include <string>
 
 #include "Command.h"
-#include "Memtab/Inspect.h"
+#include "Memtab/Catalog.h"
 
 namespace routinglib {
 namespace {
@@ -35,7 +35,7 @@ int usage(std::ostream& err) {
 }
 
 int finish(int status, const std::string& why, std::ostream& err) {
-  if (status != Memtab::kInspectDone) err << "routinglib memtab: " << why << "\n";
+  if (status != Memtab::kCatalogDone) err << "routinglib memtab: " << why << "\n";
   return status;
 }
 

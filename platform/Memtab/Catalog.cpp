@@ -1,4 +1,4 @@
-#include "Memtab/Inspect.h"
+#include "Memtab/Catalog.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -63,7 +63,7 @@ std::unique_ptr<Shm::View> openTable(std::string_view name, int* status, std::st
     validateTableName(name);
   } catch (const Cog::Exception& e) {
     *why = "'" + std::string(name) + "' is not a table name: " + e.what();
-    *status = kInspectNoTable;
+    *status = kCatalogNoTable;
     return nullptr;
   }
   why->clear();
@@ -71,10 +71,10 @@ std::unique_ptr<Shm::View> openTable(std::string_view name, int* status, std::st
   if (v) return v;
   if (why->empty()) {
     *why = "no table named '" + std::string(name) + "'";
-    *status = kInspectNoTable;
+    *status = kCatalogNoTable;
   } else {
     *why = "table " + std::string(name) + " is damaged: " + *why;
-    *status = kInspectFailed;
+    *status = kCatalogFailed;
   }
   return nullptr;
 }
@@ -105,7 +105,7 @@ std::vector<TableInfo> listTables() {
     std::string why;
     auto v = openTable(info.name, &status, &why);
     if (!v) {
-      if (status == kInspectNoTable) continue;  // gone meanwhile, or not ours to name
+      if (status == kCatalogNoTable) continue;  // gone meanwhile, or not ours to name
       info.damage = why;
       tables.push_back(info);
       continue;
@@ -172,7 +172,7 @@ int dumpTable(std::string_view name, bool json, std::ostream& out, std::string* 
     if (step == Shm::View::Step::corrupt) {
       if (json) out << "]}\n";
       *why = "table " + std::string(name) + " is damaged: " + detail;
-      return kInspectFailed;
+      return kCatalogFailed;
     }
     started = true;
     last = h;
@@ -184,7 +184,7 @@ int dumpTable(std::string_view name, bool json, std::ostream& out, std::string* 
         if (json) out << "]}\n";
         *why = "table " + std::string(name) + " is damaged: record at offset " +
                std::to_string(image.offset) + ": " + detail;
-        return kInspectFailed;
+        return kCatalogFailed;
       }
       if (json) {
         out << (first ? "" : ", ") << "{\"" << (isText ? "text" : "image") << "\": " << jsonString(text)
@@ -196,7 +196,7 @@ int dumpTable(std::string_view name, bool json, std::ostream& out, std::string* 
     }
   }
   if (json) out << "]}\n";
-  return kInspectDone;
+  return kCatalogDone;
 }
 
 namespace {
@@ -259,7 +259,7 @@ int watchTable(std::string_view name, std::uint64_t changes, const std::function
     if (changes != 0 && w.keys >= changes) break;
     mount.arm();
   }
-  return kInspectDone;
+  return kCatalogDone;
 }
 
 int removeTable(std::string_view name, std::string* why) {
@@ -267,14 +267,14 @@ int removeTable(std::string_view name, std::string* why) {
     validateTableName(name);
   } catch (const Cog::Exception& e) {
     *why = "'" + std::string(name) + "' is not a table name: " + e.what();
-    return kInspectNoTable;
+    return kCatalogNoTable;
   }
   const std::string path = segmentName(name);
   int fd = shm_open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
     *why = errno == ENOENT ? "no table named '" + std::string(name) + "'"
                            : "cannot open " + path + ": " + std::strerror(errno);
-    return errno == ENOENT ? kInspectNoTable : kInspectFailed;
+    return errno == ENOENT ? kCatalogNoTable : kCatalogFailed;
   }
   // The writer holds a lock on the segment for as long as it lives.
   struct flock fl {};
@@ -290,10 +290,10 @@ int removeTable(std::string_view name, std::string* why) {
   if (alive) {
     *why = "table " + std::string(name) + " has a live writer";
     if (pid != 0) *why += " (pid " + std::to_string(pid) + ")";
-    return kInspectFailed;
+    return kCatalogFailed;
   }
   unlinkTable(name);
-  return kInspectDone;
+  return kCatalogDone;
 }
 
 }  // namespace Memtab

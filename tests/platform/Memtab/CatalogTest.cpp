@@ -7,7 +7,7 @@
 #include <ostream>
 #include <sstream>
 
-#include "Memtab/Inspect.h"
+#include "Memtab/Catalog.h"
 #include "Memtab/Registry.h"
 #include "TestValues.h"
 
@@ -29,20 +29,20 @@ using namespace MemtabTest;
 Memtab::ValueTypeRegistration<Labelled> labelled;
 Memtab::ValueTypeRegistration<Record> records;
 
-TEST(MemtabInspect, DumpsEntriesThroughTheirRegistration) {
+TEST(MemtabCatalog, DumpsEntriesThroughTheirRegistration) {
   TableName name("dump");
   Memtab::Writer<Labelled> w(name);
   w.insert(Labelled(1, 0, "one"));
   w.insert(Labelled(2, 0, "say \"two\"\n"));
   std::ostringstream text, json;
   std::string why;
-  EXPECT_EQ(Memtab::dumpTable(name.value, false, text, &why), Memtab::kInspectDone) << why;
+  EXPECT_EQ(Memtab::dumpTable(name.value, false, text, &why), Memtab::kCatalogDone) << why;
   std::vector<std::string> lines;
   std::istringstream in(text.str());
   for (std::string l; std::getline(in, l);) lines.push_back(l);
   std::sort(lines.begin(), lines.end());
   EXPECT_EQ(lines, (std::vector<std::string>{"", "[1] one", "[2] say \"two\""}));
-  EXPECT_EQ(Memtab::dumpTable(name.value, true, json, &why), Memtab::kInspectDone);
+  EXPECT_EQ(Memtab::dumpTable(name.value, true, json, &why), Memtab::kCatalogDone);
   EXPECT_NE(json.str().find("{\"text\": \"[2] say \\\"two\\\"\\n\"}"), std::string::npos) << json.str();
   EXPECT_EQ(json.str().rfind("{\"table\": \"" + name.value + "\", \"type\": \"" +
                                  Memtab::ValueTraits<Labelled>::typeName() + "\", \"entries\": [",
@@ -54,7 +54,7 @@ TEST(MemtabInspect, DumpsEntriesThroughTheirRegistration) {
   Memtab::Writer<Record> r(other);
   r.insert(Record(5, 6));
   std::ostringstream out;
-  EXPECT_EQ(Memtab::dumpTable(other.value, false, out, &why), Memtab::kInspectDone);
+  EXPECT_EQ(Memtab::dumpTable(other.value, false, out, &why), Memtab::kCatalogDone);
   EXPECT_EQ(out.str(), "record 5/6\n");
 
   const auto tables = Memtab::listTables();
@@ -67,7 +67,7 @@ TEST(MemtabInspect, DumpsEntriesThroughTheirRegistration) {
   EXPECT_EQ(it->writerPid, static_cast<std::uint32_t>(getpid()));
 }
 
-TEST(MemtabInspect, AnImageItsTypeCannotReadIsDamage) {
+TEST(MemtabCatalog, AnImageItsTypeCannotReadIsDamage) {
   TableName name("baddump");
   Memtab::Writer<Labelled> w(name);
   w.insert(Labelled(1, 0, "one"));
@@ -77,7 +77,7 @@ TEST(MemtabInspect, AnImageItsTypeCannotReadIsDamage) {
   Memtab::registerValueType(wrong);
   std::ostringstream out;
   std::string why;
-  EXPECT_EQ(Memtab::dumpTable(name.value, false, out, &why), Memtab::kInspectFailed);
+  EXPECT_EQ(Memtab::dumpTable(name.value, false, out, &why), Memtab::kCatalogFailed);
   EXPECT_NE(why.find("is damaged: record at offset "), std::string::npos) << why;
   EXPECT_NE(why.find("invalid image of 13 bytes"), std::string::npos) << why;
   Memtab::registerValueType({Memtab::ValueTraits<Labelled>::typeName(), &Memtab::detail::valueText<Labelled>});

@@ -18,9 +18,9 @@
 
 namespace Memtab {
 
-inline constexpr int kInspectDone = 0;
-inline constexpr int kInspectFailed = 1;
-inline constexpr int kInspectNoTable = 2;
+inline constexpr int kCatalogDone = 0;
+inline constexpr int kCatalogFailed = 1;
+inline constexpr int kCatalogNoTable = 2;
 
 struct TableInfo {
   std::string name;
