@@ -20,6 +20,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
+
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -36,6 +38,9 @@ using Vrf::VrfIdMap::VrfId;
 using Velnet::IpGenPrefix;
 
 namespace {
+
+using testsupport::exitStatus;
+using testsupport::spawn;
 
 constexpr std::uint32_t kDestVrfs = 64;
 constexpr std::uint32_t kPrefixes = 256;
@@ -74,29 +79,6 @@ void fill(ConnectedRouteLeakStatus& status) {
       status.leakedRouteIs(RouteLeakedToVrf(DestVrfPrefix(VrfId(d), prefixOf(p)), sourceOf(p)));
     }
   }
-}
-
-pid_t spawn(const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the test
-    int status = 2;
-    try {
-      status = body();
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "child: %s\n", e.what());
-    }
-    _exit(status);
-  }
-  return pid;
-}
-
-int exitStatus(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  shm_unlink(("/activity." + std::to_string(pid)).c_str());  // the child's counters
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return WEXITSTATUS(status);
 }
 
 struct Pipe {

@@ -57,20 +57,6 @@ struct Segment {
   }
 };
 
-struct Messages {
-  std::vector<std::string> all;
-  Memtab::Options options() {
-    Memtab::Options o;
-    o.corruptionHandler = [this](const std::string& m) { all.push_back(m); };
-    return o;
-  }
-  bool has(const std::string& part) const {
-    for (auto& m : all)
-      if (m.find(part) != std::string::npos) return true;
-    return false;
-  }
-};
-
 TEST(MemtabCorruption, InvalidImagesAndOffsetsReachTheHandlerAndYieldDefaults) {
   TableName name("corrupt");
   Messages msgs;

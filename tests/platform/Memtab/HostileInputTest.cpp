@@ -43,20 +43,6 @@ struct Log : Memtab::Notifiee<Tiny::Key> {
   void onTable() override { ++tables; }
 };
 
-struct Messages {
-  std::vector<std::string> all;
-  Memtab::Options options() {
-    Memtab::Options o;
-    o.corruptionHandler = [this](const std::string& m) { all.push_back(m); };
-    return o;
-  }
-  bool has(const std::string& part) const {
-    for (auto& m : all)
-      if (m.find(part) != std::string::npos) return true;
-    return false;
-  }
-};
-
 TEST(MemtabHostileInput, AReaderTakesInTheEmptyEntryOfDeleteAll) {
   TableName name("delall");
   Memtab::Writer<Tiny> w(name);

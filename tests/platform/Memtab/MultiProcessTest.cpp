@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -22,37 +24,15 @@
 
 namespace {
 
+using testsupport::exitStatus;
+using testsupport::spawn;
+
 using namespace MemtabTest;
 using Clock = std::chrono::steady_clock;
 
 // How long to wait for something that must happen before a test calls it a
 // hang. Only a bound: nothing waits this long unless something is broken.
 constexpr auto kHang = std::chrono::seconds(60);
-
-pid_t spawn(const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    // Never outlive the test, whatever it is waiting for.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int status = 2;
-    try {
-      status = body();
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "child: %s\n", e.what());
-    }
-    _exit(status);
-  }
-  return pid;
-}
-
-int exitStatus(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  // The child's activity counters (it ended without running exit handlers).
-  shm_unlink(("/activity." + std::to_string(pid)).c_str());
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return WEXITSTATUS(status);
-}
 
 // What the exit status of a reader or writer child below means.
 std::string meaning(int status) {

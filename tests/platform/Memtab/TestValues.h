@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "Cog/Hash.h"
 #include "Memtab/Table.h"
@@ -133,6 +134,21 @@ struct TableName {
   }
   ~TableName() { Memtab::unlinkTable(value); }
   operator const std::string&() const { return value; }
+};
+
+// Collects what a table hands its corruption handler.
+struct Messages {
+  std::vector<std::string> all;
+  Memtab::Options options() {
+    Memtab::Options o;
+    o.corruptionHandler = [this](const std::string& m) { all.push_back(m); };
+    return o;
+  }
+  bool has(const std::string& part) const {
+    for (auto& m : all)
+      if (m.find(part) != std::string::npos) return true;
+    return false;
+  }
 };
 
 }  // namespace MemtabTest
