@@ -162,11 +162,7 @@ void writeSeeds() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (Fuzz::seedDir() != nullptr) {
-    writeSeeds();
-    std::exit(0);
-  }
-  return 0;
+  return Fuzz::writeSeedsWhenAsked(&writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

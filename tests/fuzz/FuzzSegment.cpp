@@ -321,11 +321,7 @@ void writeSeeds() {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   __sanitizer_set_death_callback(&unlinkOnDeath);
   unlinkLeftovers();
-  if (Fuzz::seedDir() != nullptr) {
-    writeSeeds();
-    std::exit(0);
-  }
-  return 0;
+  return Fuzz::writeSeedsWhenAsked(&writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -127,6 +127,15 @@ inline void writeSeed(const std::string& name, const std::vector<std::uint8_t>& 
   std::ofstream f(std::string(seedDir()) + "/" + name, std::ios::binary);
   f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
+// What a target's LLVMFuzzerInitialize does: with ROUTINGLIB_FUZZ_SEEDS set,
+// write the target's seeds and end the process instead of fuzzing.
+inline int writeSeedsWhenAsked(void (*writeSeeds)()) {
+  if (seedDir() != nullptr) {
+    writeSeeds();
+    std::exit(0);
+  }
+  return 0;
+}
 // A file name from a type name: "Routing::Via" -> "Routing_Via".
 inline std::string fileName(std::string s) {
   for (char& c : s)
