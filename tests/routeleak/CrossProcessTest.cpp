@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/MappedSegment.h"
 
 #include <cstdio>
 #include <cstring>
@@ -270,17 +271,12 @@ TEST(LeakedRouteTable, CorruptionGoesToTheTablesHandler) {
   // does not exist.
   std::vector<std::uint8_t> image(damaged.serializeLen());
   damaged.serialize(image.data());
-  int fd = shm_open(("/memtab." + table).c_str(), O_RDWR, 0);
-  ASSERT_GE(fd, 0);
-  struct stat st;
-  ASSERT_EQ(fstat(fd, &st), 0);
-  auto* base = static_cast<std::uint8_t*>(
-      mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  close(fd);
-  ASSERT_NE(base, MAP_FAILED);
+  testsupport::MappedSegment segment(table);
+  ASSERT_NE(segment.base, nullptr);
+  std::uint8_t* const base = segment.base;
+  const std::size_t size = segment.size;
   // Every copy: the change ring holds one too.
   int copies = 0;
-  const std::size_t size = static_cast<std::size_t>(st.st_size);
   for (std::size_t from = 0; from < size;) {
     auto* at = static_cast<std::uint8_t*>(memmem(base + from, size - from, image.data(), image.size()));
     if (at == nullptr) break;
@@ -289,7 +285,6 @@ TEST(LeakedRouteTable, CorruptionGoesToTheTablesHandler) {
     from = static_cast<std::size_t>(at - base) + 1;
   }
   ASSERT_GE(copies, 1);
-  munmap(base, static_cast<std::size_t>(st.st_size));
 
   std::vector<std::string> messages;
   Memtab::Options options;

@@ -12,27 +12,16 @@
 #include <random>
 
 #include "TestValues.h"
+#include "support/MappedSegment.h"
 
 namespace {
 
 using namespace MemtabTest;
 using namespace Memtab::Shm;
 
-// A writable mapping of a table's segment, as a process with the owner's
-// rights could make.
-struct Segment {
-  std::uint8_t* base = nullptr;
-  std::size_t size = 0;
-  explicit Segment(const std::string& name) {
-    int fd = shm_open(("/memtab." + name).c_str(), O_RDWR, 0);
-    EXPECT_GE(fd, 0);
-    struct stat st;
-    fstat(fd, &st);
-    size = static_cast<std::size_t>(st.st_size);
-    base = static_cast<std::uint8_t*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    close(fd);
-  }
-  ~Segment() { munmap(base, size); }
+// A table's segment with its layout's fields at hand.
+struct Segment : testsupport::MappedSegment {
+  using MappedSegment::MappedSegment;
   Header& header() { return *reinterpret_cast<Header*>(base); }
   IndexWord index() { return IndexWord::decode(header().index.load()); }
   std::atomic<std::uint64_t>& at(std::uint64_t off) {

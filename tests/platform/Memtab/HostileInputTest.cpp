@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "TestValues.h"
+#include "support/MappedSegment.h"
 
 namespace {
 
@@ -89,19 +90,12 @@ TEST(MemtabHostileInput, AReattachingWriterRealignsAMisalignedHeapTop) {
     for (std::uint32_t id = 1; id <= 20; ++id) w.insert(Named(id, id, "old"));
   }
   {
-    int fd = shm_open(("/memtab." + name.value).c_str(), O_RDWR, 0);
-    ASSERT_GE(fd, 0);
-    struct stat st;
-    ASSERT_EQ(fstat(fd, &st), 0);
-    auto* base = static_cast<std::uint8_t*>(
-        mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    close(fd);
-    ASSERT_NE(base, MAP_FAILED);
-    auto& top = reinterpret_cast<Header*>(base)->heapTop;
+    testsupport::MappedSegment segment(name.value);
+    ASSERT_NE(segment.base, nullptr);
+    auto& top = reinterpret_cast<Header*>(segment.base)->heapTop;
     // Three bytes past a cache line: the new bucket array is aligned above
     // it, and the run below it is left free at an odd offset.
     top.store((top.load() + 63) / 64 * 64 + 3);
-    munmap(base, static_cast<std::size_t>(st.st_size));
   }
   Memtab::Writer<Named> w(name, msgs.options());
   EXPECT_TRUE(msgs.has("heap top")) << msgs.all.size();
