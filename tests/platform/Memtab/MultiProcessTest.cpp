@@ -390,35 +390,6 @@ bool waitFor(const std::function<bool()>& done) {
   return true;
 }
 
-// A reader that keeps its own copy of the table from notifications alone,
-// as the machines fed by a table do: the table as first mapped (onTable())
-// fills it, then only onKey() changes it; later onTable()s are ignored.
-struct Mirror : Memtab::Notifiee<Id> {
-  Memtab::Reader<Record>* r = nullptr;
-  std::map<std::uint64_t, Record> copy;
-  std::set<std::uint64_t> delivered;
-  bool filled = false;
-  int slowUs = 0;  // time spent on each key, to fall behind
-  void onTable() override {
-    if (filled || r->mountStatus() == Memtab::MountStatus::unmounted) return;
-    filled = true;
-    for (const Record& v : *r) copy[v.id] = v;
-  }
-  void onKey(const Id& k) override {
-    delivered.insert(k.v);
-    if (auto v = r->find(k)) {
-      copy[k.v] = *v;
-    } else {
-      copy.erase(k.v);
-    }
-    if (slowUs > 0) {
-      const auto until = Clock::now() + std::chrono::microseconds(slowUs);
-      while (Clock::now() < until) {
-      }
-    }
-  }
-};
-
 // Follows table `name` until the writer has finished and everything it did
 // has been taken in; returns 0 when the copy is the table, 30 when it is
 // not, 31 on a hang. `check` may look at the mirror before that.

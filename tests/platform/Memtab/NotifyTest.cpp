@@ -146,19 +146,7 @@ TEST(MemtabNotify, NoChangedKeyIsLostWhateverTheReaderMissed) {
   TableName name("lossless");
   Memtab::Writer<Record> w(name, ring(4096));
   Memtab::Reader<Record> r(name);
-  struct Copy : Memtab::Notifiee<Id> {
-    Memtab::Reader<Record>* r;
-    std::map<std::uint64_t, Record> copy;
-    std::set<std::uint64_t> delivered;
-    void onKey(const Id& k) override {
-      delivered.insert(k.v);
-      if (auto v = r->find(k)) {
-        copy[k.v] = *v;
-      } else {
-        copy.erase(k.v);
-      }
-    }
-  } c;
+  Mirror c;
   c.r = &r;
   r.processNotifications(c);
   std::mt19937_64 rng(1);

@@ -7,6 +7,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <set>
+#include <map>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -148,6 +151,35 @@ struct Messages {
     for (auto& m : all)
       if (m.find(part) != std::string::npos) return true;
     return false;
+  }
+};
+
+// A reader that keeps its own copy of the table from notifications alone,
+// as the machines fed by a table do: the table as first mapped (onTable())
+// fills it, then only onKey() changes it; later onTable()s are ignored.
+struct Mirror : Memtab::Notifiee<Id> {
+  Memtab::Reader<Record>* r = nullptr;
+  std::map<std::uint64_t, Record> copy;
+  std::set<std::uint64_t> delivered;
+  bool filled = false;
+  int slowUs = 0;  // time spent on each key, to fall behind
+  void onTable() override {
+    if (filled || r->mountStatus() == Memtab::MountStatus::unmounted) return;
+    filled = true;
+    for (const Record& v : *r) copy[v.id] = v;
+  }
+  void onKey(const Id& k) override {
+    delivered.insert(k.v);
+    if (auto v = r->find(k)) {
+      copy[k.v] = *v;
+    } else {
+      copy.erase(k.v);
+    }
+    if (slowUs > 0) {
+      const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(slowUs);
+      while (std::chrono::steady_clock::now() < until) {
+      }
+    }
   }
 };
 
