@@ -15,11 +15,7 @@
 #include "support/Emulation.h"
 #include "ucmp/RebaseCore.h"
 
-#if defined(UCMP_TEST_SANITIZED) || defined(UCMP_TEST_EMULATED)
-constexpr int kScale = 8;
-#else
-constexpr int kScale = 1;
-#endif
+#include "CaseScale.h"
 
 namespace {
 

@@ -18,14 +18,7 @@
 
 #include "ucmp/RebaseCore.h"
 
-// Sanitized and emulated (32-bit) builds run the loops ten times slower or
-// worse; they get fewer and cheaper cases (the defines come from the test's
-// CMake file).
-#if defined(UCMP_TEST_SANITIZED) || defined(UCMP_TEST_EMULATED)
-constexpr int kScale = 8;
-#else
-constexpr int kScale = 1;
-#endif
+#include "CaseScale.h"
 
 namespace {
 
