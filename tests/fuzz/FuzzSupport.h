@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "Cog/Exception.h"
+#include "support/SampleEntities.h"
 #include "Cog/GenericIf.h"
 #include "Cog/Type.h"
 
@@ -76,44 +77,10 @@ std::vector<const Cog::CogType*> typesWhere(Pred pred) {
   return out;
 }
 
-// Sample constructor arguments of an entity type: a name (dropped again for
-// unnamed types), then the second sample of each parameter type.
 inline Cog::Ptr<Cog::GenericIf> makeEntity(const Cog::CogType* t) {
-  Cog::ArgList args;
-  args.push_back(Cog::genericIfOf(Cog::Name("fuzz")));
-  for (const Cog::MemberInfo* m : t->members()) {
-    if (m->kind == Cog::MemberKind::param) {
-      auto s = m->memberType()->samples();
-      args.push_back(s.size() > 1 ? s[1] : s[0]);
-    }
-  }
-  try {
-    return t->fromCtorArgs(args);
-  } catch (const Cog::RangeException&) {
-    args.erase(args.begin());  // an unnamed entity
-    return t->fromCtorArgs(args);
-  }
+  return testsupport::makeSampleEntity(t, "fuzz");
 }
-
-// Every stored attribute's string form and every collection's elements.
-inline std::map<std::string, std::string> contents(const Cog::GenericIf& e) {
-  std::map<std::string, std::string> out;
-  for (const Cog::MemberInfo* m : e.type()->members()) {
-    if (m->kind == Cog::MemberKind::attribute || m->kind == Cog::MemberKind::param) {
-      out[m->name] = e.attribute(m->name)->strRep().str();
-    } else if (m->kind == Cog::MemberKind::collection) {
-      std::set<std::string> elements;
-      for (auto it = e.iterator(m->name); it->iterNonnull(); it->iterInc()) {
-        elements.insert(it->iterKey()->strRep().str() + "=" + it->iterObj()->strRep().str());
-      }
-      for (auto& x : elements) out[m->name] += x + ";";
-    } else if (m->kind == Cog::MemberKind::owned) {
-      auto v = e.attribute(m->name);
-      out[m->name] = v ? v->strRep().str() : "null";
-    }
-  }
-  return out;
-}
+using testsupport::contents;
 
 inline std::string describe(const std::map<std::string, std::string>& c) {
   std::string s;

@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "support/SampleEntities.h"
 #include "Cog/GenericIf.h"
 #include "Cog/NboAttrLogSa.h"
 #include "Cog/Type.h"
@@ -143,50 +144,8 @@ TEST(ValueProperties, ReflectionReadsEveryAttributeAndConstant) {
   }
 }
 
-// Sample constructor arguments of an entity type: a name (dropped again for
-// unnamed types), then the second sample of each parameter type (the first
-// is the default).
-Cog::ArgList ctorArgs(const CogType* t) {
-  Cog::ArgList args;
-  args.push_back(Cog::genericIfOf(Cog::Name("sample")));
-  for (const Cog::MemberInfo* m : t->members()) {
-    if (m->kind == Cog::MemberKind::param) {
-      auto s = m->memberType()->samples();
-      args.push_back(s.size() > 1 ? s[1] : s[0]);
-    }
-  }
-  return args;
-}
-
-Ptr<GenericIf> makeEntity(const CogType* t) {
-  Cog::ArgList args = ctorArgs(t);
-  try {
-    return t->fromCtorArgs(args);
-  } catch (const Cog::RangeException&) {
-    args.erase(args.begin());  // an unnamed entity
-    return t->fromCtorArgs(args);
-  }
-}
-
-// Every stored attribute's string form, and every collection's elements.
-std::map<std::string, std::string> contents(const GenericIf& e) {
-  std::map<std::string, std::string> out;
-  for (const Cog::MemberInfo* m : e.type()->members()) {
-    if (m->kind == Cog::MemberKind::attribute || m->kind == Cog::MemberKind::param) {
-      out[m->name] = e.attribute(m->name)->strRep().str();
-    } else if (m->kind == Cog::MemberKind::collection) {
-      std::set<std::string> elements;
-      for (auto it = e.iterator(m->name); it->iterNonnull(); it->iterInc()) {
-        elements.insert(it->iterKey()->strRep().str() + "=" + it->iterObj()->strRep().str());
-      }
-      for (auto& x : elements) out[m->name] += x + ";";
-    } else if (m->kind == Cog::MemberKind::owned) {
-      auto v = e.attribute(m->name);
-      out[m->name] = v ? v->strRep().str() : "null";
-    }
-  }
-  return out;
-}
+Ptr<GenericIf> makeEntity(const CogType* t) { return testsupport::makeSampleEntity(t, "sample"); }
+using testsupport::contents;
 
 TEST(EntityProperties, SettersNotifyOnlyOnChange) {
   for (const CogType* t : entityTypes()) {
