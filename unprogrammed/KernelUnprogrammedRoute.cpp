@@ -114,9 +114,8 @@ Cog::Ptr<ErrorKeySet> UnprogrammedRouteByVrf::errorKeySetIs(
   if (set) return set;
   COG_TRACE(8, "errorKeySetIs" << " Creating ErrorKeySet for VRF " << vrfName
                                << " and address family " << af);
-  set = v6 ? error6KeySetIs(vrfName, af) : error4KeySetIs(vrfName, af);
-  set->unprogrammedRouteIs(unprogrammedRoute);
-  return set;
+  set = errorKeySetFactory(vrfName, af, unprogrammedRoute);
+  return v6 ? error6KeySetIs(set) : error4KeySetIs(set);
 }
 
 }  // namespace Memtab::KernelUnprogrammedRoute

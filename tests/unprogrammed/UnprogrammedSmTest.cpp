@@ -180,6 +180,22 @@ TEST(SplitterSm, NoInitialSweep) {
   EXPECT_EQ(out->error4KeySet().size(), 1u);
 }
 
+// What was in the tables before the splitter started reaches it when the
+// hosting agent replays them, each key once.
+TEST(SplitterSm, ReplayAnnouncesWhatWasThere) {
+  auto in = unprogrammedRouteFactory(Cog::Name("all"));
+  in->errorIs(err("blue", "10.0.0.0/8"));
+  in->errorIs(err("blue", "11.0.0.0/8"));
+  in->error6Is(err6("red", "2001:db8::/32"));
+  auto out = unprogrammedRouteByVrfFactory();
+  auto sm = KernelUnprogrammedRouteSplitterSmIs(in, out);
+  in->errorReplay();
+  in->error6Replay();
+  ASSERT_TRUE(out->error4KeySet(L3::VrfName("blue")));
+  EXPECT_EQ(out->error4KeySet(L3::VrfName("blue"))->errorKey().size(), 2u);
+  EXPECT_EQ(out->error6KeySet(L3::VrfName("red"))->errorKey().size(), 1u);
+}
+
 TEST(SplitterSm, TracesOfEveryPath) {
   auto in = unprogrammedRouteFactory(Cog::Name("all"));
   auto out = unprogrammedRouteByVrfFactory();
@@ -224,6 +240,23 @@ TEST(ErrorKeySets, ErrorKeySetIsPicksTheFamily) {
   EXPECT_EQ(out->error6KeySet(L3::VrfName("v")), s6);
   EXPECT_EQ(out->errorKeySetIs(L3::VrfName("v"), AddressFamily::ipv4, in), s4);
   EXPECT_EQ(s4->unprogrammedRoute(), in);
+
+  // A set made elsewhere goes in under its own name, replacing another one
+  // there; the same set again changes nothing and tells nobody.
+  auto made = errorKeySetFactory(L3::VrfName("v"), AddressFamily::ipv4, in);
+  EXPECT_EQ(out->error4KeySetIs(made), made);
+  EXPECT_EQ(out->error4KeySet(L3::VrfName("v")), made);
+  EXPECT_EQ(out->error4KeySet().size(), 1u);
+  struct Told : UnprogrammedRouteByVrf::NotifieeConst {
+    void onError4KeySet(const L3::VrfName&) override { ++n; }
+    int n = 0;
+  };
+  auto told = Cog::allocate<Told>();
+  told->notifierIs(out);
+  out->error4KeySetIs(made);
+  EXPECT_EQ(told->n, 0);
+  out->error4KeySetIs(errorKeySetFactory(L3::VrfName("w"), AddressFamily::ipv4, in));
+  EXPECT_EQ(told->n, 1);
   auto counts = unprogrammedRouteCountByVrfFactory();
   auto c = counts->errorCountIs(L3::VrfName("v"));
   EXPECT_EQ(counts->errorCountIs(L3::VrfName("v")), c);
