@@ -8,7 +8,7 @@
 //                    per put, keyed by the ErrorKey image
 //   Record/Memtab/0  errorIs / error6Is into the shared tables, from empty;
 //   Record/Memtab/1  the same into tables sized for 1M entries up front;
-//                    counter
+//                    both with the default options (change ring on);
 //                    "vsBaseline" is its rate over Record/Lmdb, and
 //                    "bytesBeyondImage" the segment bytes per failed route
 //                    beyond the route's image
