@@ -65,8 +65,29 @@ std::optional<py::error_already_set>& pendingError() {
   return *slot;
 }
 
+// Callbacks running now; notifiees dropped meanwhile wait in the graveyard
+// until they have returned (a notifiee must not die inside its own call).
+int& callbackDepth() {
+  static int depth = 0;
+  return depth;
+}
+std::vector<Ptr<Cog::PtrInterface>>& graveyard() {
+  static auto* g = new std::vector<Ptr<Cog::PtrInterface>>();
+  return *g;
+}
+void bury(Ptr<Cog::PtrInterface>& notifiee) {
+  if (callbackDepth() > 0 && notifiee) graveyard().push_back(std::move(notifiee));
+  notifiee = nullptr;
+}
+
 template <typename F>
 void guardCallback(F&& f) {
+  struct Depth {
+    Depth() { ++callbackDepth(); }
+    ~Depth() {
+      if (--callbackDepth() == 0) graveyard().clear();
+    }
+  } depth;
   try {
     f();
   } catch (py::error_already_set& e) {
@@ -138,19 +159,28 @@ struct Function {
 };
 // A generic notifiee on one entity: reports changes while it lives.
 struct Subscription {
+  Subscription() = default;
+  Subscription(const Subscription&) = delete;
+  Subscription(Subscription&&) = default;
+  ~Subscription() { bury(notifiee); }
+  void close() {
+    bury(notifiee);
+    entity = py::none();
+  }
   Ptr<Cog::PtrInterface> notifiee;
   py::object entity;
 };
 struct TableReader {
-  std::unique_ptr<Memtab::GenericReader> r;
+  // Shared with the iterators, which may outlive close().
+  std::shared_ptr<Memtab::GenericReader> r;
   Memtab::GenericReader& reader() {
     if (!r) throw py::value_error("the table reader is closed");
     return *r;
   }
 };
 struct TableIterator {
+  std::shared_ptr<Memtab::GenericReader> reader;  // outlives the cursor
   std::unique_ptr<Memtab::GenericCursor> cursor;
-  py::object reader;  // keeps the reader alive
 };
 
 const CogType* prim(Cog::Primitive p) { return Cog::primitiveType(p); }
@@ -811,15 +841,9 @@ PYBIND11_MODULE(routinglib, mod) {
            "subscription lives (or until its close()).");
 
   py::class_<Subscription>(mod, "Subscription", "A registration of a callback on an entity.")
-      .def("close", [](Subscription& s) {
-        s.notifiee = nullptr;
-        s.entity = py::none();
-      })
+      .def("close", &Subscription::close)
       .def("__enter__", [](py::object self) { return self; })
-      .def("__exit__", [](Subscription& s, py::args) {
-        s.notifiee = nullptr;
-        s.entity = py::none();
-      });
+      .def("__exit__", [](Subscription& s, py::args) { s.close(); });
 
   py::class_<Collection>(mod, "Collection",
                          "A live view of an entity's collection: a mapping from key to element "
@@ -939,18 +963,23 @@ PYBIND11_MODULE(routinglib, mod) {
       .def("__len__", [](TableReader& r) { return r.reader().size(); })
       .def("__iter__", [](py::object self) {
         TableReader& r = self.cast<TableReader&>();
-        return TableIterator{r.reader().cursor(), self};
+        auto cursor = r.reader().cursor();
+        return TableIterator{r.r, std::move(cursor)};
       }, "The values, in the table's order.")
       .def("process_notifications", [](TableReader& r, py::object onKey, py::object onTable,
                                        py::object onMountStatus) {
         auto ev = tableEvents(onKey, onTable, onMountStatus);
-        notifying([&] { r.reader().processNotifications(ev); });
+        std::shared_ptr<Memtab::GenericReader> keep = r.r;  // a callback may close it
+        r.reader();
+        notifying([&] { keep->processNotifications(ev); });
       }, py::arg("on_key"), py::arg("on_table") = py::none(), py::arg("on_mount_status") = py::none(),
          "Delivers what changed since the last call: on_mount_status(status), on_table() "
          "(a whole new table: look it over), on_key(key) once per changed key. Never blocks.")
       .def("replay", [](TableReader& r, py::object onKey) {
         auto ev = tableEvents(onKey, py::none(), py::none());
-        notifying([&] { r.reader().replay(ev); });
+        std::shared_ptr<Memtab::GenericReader> keep = r.r;  // a callback may close it
+        r.reader();
+        notifying([&] { keep->replay(ev); });
       }, py::arg("on_key"), "Announces every key present once through on_key.")
       .def("close", [](TableReader& r) { r.r.reset(); })
       .def("__enter__", [](py::object self) { return self; })

@@ -146,3 +146,30 @@ def test_hostile_input_raises_and_never_crashes():
                     t.parse(text)
                 except ValueError:
                     pass
+
+
+def test_a_callback_may_close_its_own_subscription_and_drop_the_entity():
+    c = UcmpConfig("vrf1")
+    seen = []
+    holder = {}
+
+    def once(attr):
+        seen.append(attr)
+        holder.pop("sub").close()
+
+    holder["sub"] = c.notify(once)
+    c.maxUcmp = 3
+    c.maxUcmp = 4
+    assert seen == ["maxUcmp"]
+
+    d = VrfUcmpConfigDir("dir")
+    refs = {"d": d}
+
+    def drop(attr):
+        refs.clear()
+
+    sub = d.notify(drop)
+    del d
+    refs["d"].vrfConfig.add("red")
+    assert refs == {}
+    del sub

@@ -123,3 +123,17 @@ def test_tables_refuse_what_they_cannot_open(table_writer, table_name):
     r.close()
     with pytest.raises(ValueError):
         len(r)
+
+
+def test_iterators_and_callbacks_outlive_close(table_writer, table_name):
+    w = table_writer()
+    w.cmd("fill 10")
+    r = rl.TableReader(table_name)
+    it = iter(r)
+    first = next(it)
+    r.close()
+    assert len([first] + list(it)) == 10
+    r2 = rl.TableReader(table_name)
+    r2.process_notifications(lambda k: r2.close(), lambda: r2.close())
+    with pytest.raises(ValueError):
+        r2.fileno()
