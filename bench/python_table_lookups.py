@@ -9,7 +9,9 @@ in key order, round after round, for about a second, three times, keeping
 the best rate. The dict holds the same values under the keys' text forms
 (a plain str key, the cheapest a script could hold them by).
 
-    bench/python_table_lookups.py [--build build/default] [--entries 10000]
+    bench/python_table_lookups.py [--build build/default]
+
+N is 10000, as in TableLookupPeerBench.
 """
 
 import argparse
@@ -18,6 +20,8 @@ import os
 import subprocess
 import sys
 import time
+
+ENTRIES = 10000  # TableLookupPeerBench's argument
 
 
 def best_rate(fn, keys, rounds=3, seconds=1.0):
@@ -40,8 +44,8 @@ def main():
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     p.add_argument("--build", default=os.path.join(root, "build", "default"))
-    p.add_argument("--entries", type=int, default=10000)
     args = p.parse_args()
+    args.entries = ENTRIES
     sys.path.insert(0, os.path.join(args.build, "python"))
     import routinglib
 
