@@ -312,8 +312,15 @@ Ptr<GenericIf> fromPy(py::handle obj, const CogType* target, const char* what) {
       // by the enumerator's number
       return target->fromStrRep(Cog::String(n->strRep()));
     }
-    if (!target->isEntity()) return target->fromCtorArgs({n});
-    return n;
+    if (target->isEntity()) return n;
+    // A value of one number (FecId), or a number in its text form (an
+    // external such as a VRF id).
+    try {
+      return target->fromCtorArgs({n});
+    } catch (const Cog::RangeException&) {
+      if (target->glue().fromStrRep == nullptr) throw;
+    }
+    return target->fromStrRep(Cog::String(n->strRep()));
   }
   if (py::isinstance<py::float_>(obj)) {
     const double d = obj.cast<double>();

@@ -173,3 +173,18 @@ def test_a_callback_may_close_its_own_subscription_and_drop_the_entity():
     refs["d"].vrfConfig.add("red")
     assert refs == {}
     del sub
+
+
+def test_a_reactor_made_and_driven_from_python():
+    status = rl.type("Routing::ConnectedRouteLeakStatus")("leak")
+    local = rl.type("Routing::ConnectedRouteLeakLocalStatus")()
+    sm = rl.type("Routing::ConnectedRouteLeakSourceVrfSm")(status, local)
+    assert sm.crlStatus == status
+    leaked = rl.type("Routing::RouteLeakedToVrf")(
+        destVrfPrefix={"destVrfId": 5, "prefix": "10.0.0.0/8"}, sourceVrfId=7)
+    status.leakedRoute.add(leaked)  # the table attribute takes the value alone
+    assert status.leakedRoute[leaked.destVrfPrefix] == leaked
+    source = rl.type("Routing::SourceVrfPrefix")(sourceVrfId=7, prefix="10.0.0.0/8")
+    assert 5 in local.leakedRouteBySourceVrf[source].destVrfId
+    del status.leakedRoute[leaked.destVrfPrefix]
+    assert len(local.leakedRouteBySourceVrf) == 0
