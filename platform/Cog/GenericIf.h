@@ -22,8 +22,9 @@
 //     of entities, the value of a shared-memory table), and
 //     *(Ptr<GenericIf>*)result the member it made (entities) or null;
 //     remove (4): the deleter of the key *(const Ptr<GenericIf>*)argument;
-//     lookup (5): *(Ptr<GenericIf>*)result = the element under that key
-//     (a set: the key), or null when absent; call (8): *(const ArgList*)argument are the arguments,
+//     lookup (5): *(Ptr<GenericIf>*)result = the element under the key
+//     *(const Ptr<GenericIf>*)argument (a set: the key), or null when
+//     absent; call (8): *(const ArgList*)argument are the arguments,
 //     *(Ptr<GenericIf>*)result the result (null for void); with index 0,
 //     kind 9 is operator!: *(bool*)result;
 //   - a kind the member does not support throws NotSupportedException; an
