@@ -21,6 +21,8 @@ for preset in "${presets[@]}"; do
   # A skipped test says why.
   awk '/: Skipped$/ { getline why; print "skipped: " why }' \
     "build/$preset/Testing/Temporary/LastTest.log" | sort -u
+  python_skipped=$(sed -n 's/^ROUTINGLIB_PYTHON_SKIPPED:INTERNAL=//p' "build/$preset/CMakeCache.txt")
+  [[ -z $python_skipped ]] || echo "skipped: the Python module and its tests: $python_skipped"
 done
 
 # Where the 32-bit build ran natively, run one of its test programs under the

@@ -71,6 +71,25 @@ Ptr<GenericIterator> GenericIf::iterator(std::string_view collection) const {
   return result;
 }
 
+Ptr<GenericIf> GenericIf::element(std::string_view collection, const Ptr<GenericIf>& key) const {
+  Ptr<GenericIf> result;
+  attributeOp(AttributeOp::lookup, memberNamed(*this, collection).index,
+              const_cast<Ptr<GenericIf>*>(&key), &result);
+  return result;
+}
+
+Ptr<GenericIf> GenericIf::insert(std::string_view collection, const ArgList& args) const {
+  Ptr<GenericIf> result;
+  attributeOp(AttributeOp::insert, memberNamed(*this, collection).index,
+              const_cast<ArgList*>(&args), &result);
+  return result;
+}
+
+void GenericIf::remove(std::string_view collection, const Ptr<GenericIf>& key) const {
+  attributeOp(AttributeOp::remove, memberNamed(*this, collection).index,
+              const_cast<Ptr<GenericIf>*>(&key), nullptr);
+}
+
 bool GenericIf::isDefault() const {
   if (type()->isEntity()) return false;
   bool result = false;

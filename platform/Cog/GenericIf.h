@@ -16,7 +16,15 @@
 //   - op.kind read (0): *(Ptr<GenericIf>*)result = the member's value;
 //     write (1): the member's setter with *(const Ptr<GenericIf>*)argument;
 //     iterate (2): *(Ptr<GenericIterator>*)result = an iterator over a
-//     collection; call (8): *(const ArgList*)argument are the arguments,
+//     collection; insert (3): the collection's setter with the arguments
+//     *(const ArgList*)argument (key and value of a map or array, the key
+//     of a set, the key and further constructor parameters of a collection
+//     of entities, the value of a shared-memory table), and
+//     *(Ptr<GenericIf>*)result the member it made (entities) or null;
+//     remove (4): the deleter of the key *(const Ptr<GenericIf>*)argument;
+//     lookup (5): *(Ptr<GenericIf>*)result = the element under the key
+//     *(const Ptr<GenericIf>*)argument (a set: the key), or null when
+//     absent; call (8): *(const ArgList*)argument are the arguments,
 //     *(Ptr<GenericIf>*)result the result (null for void); with index 0,
 //     kind 9 is operator!: *(bool*)result;
 //   - a kind the member does not support throws NotSupportedException; an
@@ -46,7 +54,16 @@
 namespace Cog {
 
 struct AttributeOp {
-  enum Kind : unsigned { read = 0, write = 1, iterate = 2, call = 8, operatorNot = 9 };
+  enum Kind : unsigned {
+    read = 0,
+    write = 1,
+    iterate = 2,
+    insert = 3,
+    remove = 4,
+    lookup = 5,
+    call = 8,
+    operatorNot = 9
+  };
   Kind kind;
   unsigned index;
 };
@@ -87,6 +104,11 @@ class GenericIf : public PtrInterface {
   void attributeIs(unsigned index, const Ptr<GenericIf>& value) const;
   Ptr<GenericIf> call(std::string_view function, const ArgList& args = {}) const;
   Ptr<GenericIterator> iterator(std::string_view collection) const;
+  // Collections: the element under `key` (null when absent), insertion
+  // through the collection's setter (see insert (3) above) and deletion.
+  Ptr<GenericIf> element(std::string_view collection, const Ptr<GenericIf>& key) const;
+  Ptr<GenericIf> insert(std::string_view collection, const ArgList& args) const;
+  void remove(std::string_view collection, const Ptr<GenericIf>& key) const;
   // operator! of the held value (an entity: false).
   bool isDefault() const;
 

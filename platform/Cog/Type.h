@@ -81,6 +81,9 @@ struct MemberInfo {
   bool resync;     // collections resynchronised per key over attribute logs
   bool isStatic;   // functions callable without an instance
   std::vector<ParamInfo> params;  // functions
+  // The member's declaration as the schema states it, for documentation
+  // (help texts, script docstrings); nullptr for hand-written records.
+  const char* doc = nullptr;
 
   bool isStored() const {
     return kind != MemberKind::constant && kind != MemberKind::function;

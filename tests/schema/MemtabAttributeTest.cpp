@@ -6,9 +6,14 @@
 
 #include <unistd.h>
 
+#include <set>
+#include <string>
+#include <vector>
+
 #include <AllConstructs.h>
 
 #include "Cog/GenericIf.h"
+#include "Memtab/GenericReader.h"
 
 using namespace CogTest;
 
@@ -71,6 +76,52 @@ TEST(MemtabAttribute, WriterAndReaderShareOneTable) {
   EXPECT_NE(std::find(w->keys.begin(), w->keys.end(), 5u), w->keys.end());
   EXPECT_THROW(reader->entriesIs(entry(6, 60)), Cog::ReadOnlyException);
   writer->entriesDelAll();
+}
+
+TEST(MemtabAttribute, AGenericReaderOpensTheTableByNameAlone) {
+  std::string name = "cogtestg" + std::to_string(getpid());
+  struct Unlink {
+    std::string name;
+    ~Unlink() { Memtab::unlinkTable(name); }
+  } unlink{name};
+  // Named with its value type, a reader waits for a table that is not there.
+  auto early = Memtab::openGenericReader(name, "CogTest::Entry");
+  EXPECT_EQ(early->mountStatus(), Memtab::MountStatus::unmounted);
+  EXPECT_THROW(Memtab::openGenericReader(name + "x"), Cog::RangeException);
+  EXPECT_THROW(Memtab::openGenericReader(name, "CogTest::Single"), Cog::NotSupportedException);
+
+  auto writer = tablesFactory(Cog::Name("w"));
+  writer->entriesWriterIs(name);
+  writer->entriesIs(entry(5, 50));
+  writer->entriesIs(entry(6, 60));
+  auto r = Memtab::openGenericReader(name);
+  EXPECT_STREQ(r->valueType()->name(), "CogTest::Entry");
+  EXPECT_STREQ(r->keyType()->name(), "CogTest::Single");
+  EXPECT_THROW(Memtab::openGenericReader(name, "CogTest::Widths"), Cog::RangeException);
+  EXPECT_EQ(r->size(), 2u);
+  auto v = r->lookup(Cog::genericIfOf(Single(5)));
+  ASSERT_TRUE(v);
+  EXPECT_EQ(v->as<Entry>()->weight(), 50u);
+  EXPECT_FALSE(r->lookup(Cog::genericIfOf(Single(7))));
+  EXPECT_THROW(r->lookup(Cog::genericIfOf(Cog::String("x"))), Cog::Exception);
+  std::set<std::uint32_t> seen;
+  auto c = r->cursor();
+  while (auto each = c->next()) seen.insert(each->as<Entry>()->key().value());
+  EXPECT_EQ(seen, (std::set<std::uint32_t>{5, 6}));
+
+  int tables = 0;
+  std::vector<std::string> keys;
+  Memtab::GenericReader::Events events;
+  events.onTable = [&] { ++tables; };
+  events.onKey = [&](const Cog::Ptr<Cog::GenericIf>& k) { keys.push_back(k->strRep().str()); };
+  r->processNotifications(events);
+  EXPECT_EQ(tables, 1);
+  writer->entriesDel(Single(5));
+  r->processNotifications(events);
+  EXPECT_EQ(keys, (std::vector<std::string>{"5"}));
+  early->processNotifications(events);  // mounts the table that appeared
+  EXPECT_NE(early->mountStatus(), Memtab::MountStatus::unmounted);
+  EXPECT_EQ(early->size(), 1u);
 }
 
 }  // namespace

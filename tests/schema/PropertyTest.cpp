@@ -144,7 +144,110 @@ TEST(ValueProperties, ReflectionReadsEveryAttributeAndConstant) {
   }
 }
 
+TEST(ValueProperties, CollectionsRebuildThroughReflectedInsertLookupAndRemove) {
+  for (const CogType* t : valueTypes()) {
+    if (t->kind() != Cog::TypeKind::value) continue;
+    for (const Ptr<GenericIf>& s : t->samples()) {
+      SCOPED_TRACE(std::string(t->name()) + " " + s->strRep().str());
+      // A default value given the sample's attributes and elements, in
+      // iteration order, is the sample again.
+      Ptr<GenericIf> copy = t->fromCtorArgs({});
+      for (const Cog::MemberInfo* m : t->members()) {
+        if (m->kind == Cog::MemberKind::attribute) copy->attributeIs(m->index, s->attribute(m->index));
+        if (m->kind != Cog::MemberKind::collection) continue;
+        const bool isSet = m->memberType() == nullptr;
+        for (auto it = s->iterator(m->name); it->iterNonnull(); it->iterInc()) {
+          Ptr<GenericIf> element = s->element(m->name, it->iterKey());
+          ASSERT_TRUE(element);
+          EXPECT_TRUE(element->equals(*(isSet ? it->iterKey() : it->iterObj())));
+          if (isSet) copy->insert(m->name, {it->iterKey()});
+          else copy->insert(m->name, {it->iterKey(), it->iterObj()});
+        }
+      }
+      EXPECT_TRUE(copy->equals(*s)) << copy->strRep();
+      // Removal, last key first (a dense array shrinks from its end).
+      for (const Cog::MemberInfo* m : t->members()) {
+        if (m->kind != Cog::MemberKind::collection) continue;
+        std::vector<Ptr<GenericIf>> keys;
+        for (auto it = copy->iterator(m->name); it->iterNonnull(); it->iterInc()) keys.push_back(it->iterKey());
+        for (auto k = keys.rbegin(); k != keys.rend(); ++k) {
+          copy->remove(m->name, *k);
+          EXPECT_FALSE(copy->element(m->name, *k)) << (*k)->strRep();
+        }
+        EXPECT_FALSE(copy->iterator(m->name)->iterNonnull());
+      }
+    }
+  }
+}
+
 Ptr<GenericIf> makeEntity(const CogType* t) { return testsupport::makeSampleEntity(t, "sample"); }
+
+TEST(EntityProperties, CollectionsInsertLookupAndRemoveThroughReflectionAndNotify) {
+  for (const CogType* t : entityTypes()) {
+    if (t->kind() == Cog::TypeKind::reactor) continue;
+    SCOPED_TRACE(t->name());
+    Ptr<GenericIf> e = makeEntity(t);
+    std::map<Cog::AttributeId, int> calls;
+    auto notifiee = t->glue().genericIfNotifiee(e->entityPtr(),
+                                                [&](Cog::AttributeId id) { ++calls[id]; });
+    for (const Cog::MemberInfo* m : t->members()) {
+      if (m->kind != Cog::MemberKind::collection) continue;
+      SCOPED_TRACE(m->name);
+      const CogType* element = m->memberType();
+      auto keys = m->memberKeyType()->samples();
+      Ptr<GenericIf> key = keys.size() > 1 ? keys[1] : keys[0];
+      // Maps and arrays take (key, value), sets (key), collections of
+      // entities (key, their other constructor parameters), tables (value).
+      std::vector<Cog::ArgList> forms;
+      if (element == nullptr) {
+        forms.push_back({key});
+      } else if (element->isEntity()) {
+        forms.push_back({key});
+      } else {
+        auto values = element->samples();
+        forms.push_back({key, values.back()});
+        if (element->glue().fromAttrLog != nullptr) forms.push_back({values.back()});
+      }
+      auto keysNow = [&] {
+        std::vector<Ptr<GenericIf>> out;
+        for (auto it = e->iterator(m->name); it->iterNonnull(); it->iterInc()) out.push_back(it->iterKey());
+        return out;
+      };
+      const std::size_t before = keysNow().size();
+      ASSERT_EQ(before, 0u) << "a new entity's collections are empty";
+      calls.clear();
+      Ptr<GenericIf> made;
+      bool inserted = false;
+      for (const Cog::ArgList& args : forms) {
+        try {
+          made = e->insert(m->name, args);
+          inserted = true;
+          break;
+        } catch (const Cog::RangeException&) {
+        }
+      }
+      if (!inserted) continue;  // no form fits (entities with more parameters)
+      EXPECT_GE(calls[m->index], 1) << "an insertion notifies";
+      // The new element is the last in order (a dense array fills the gap
+      // before it with defaults).
+      std::vector<Ptr<GenericIf>> present = keysNow();
+      ASSERT_FALSE(present.empty());
+      Ptr<GenericIf> found = e->element(m->name, present.back());
+      ASSERT_TRUE(found);
+      if (made) {
+        EXPECT_TRUE(found->equals(*made));
+      }
+      for (auto k = present.rbegin(); k != present.rend(); ++k) {
+        e->remove(m->name, *k);
+        EXPECT_FALSE(e->element(m->name, *k)) << (*k)->strRep();
+      }
+      EXPECT_FALSE(e->iterator(m->name)->iterNonnull());
+      auto ro = Cog::genericIfOfEntity(t, e->entityPtr(), true);
+      EXPECT_THROW(ro->remove(m->name, present.back()), Cog::ReadOnlyException);
+      EXPECT_THROW(ro->insert(m->name, forms[0]), Cog::ReadOnlyException);
+    }
+  }
+}
 using testsupport::contents;
 
 TEST(EntityProperties, SettersNotifyOnlyOnChange) {

@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "Cog/Describe.h"
 #include "Cog/Exception.h"
 #include "Cog/GenericIf.h"
 #include "Cog/NboAttrLog.h"
@@ -39,41 +40,11 @@ int refuse(std::ostream& err, const char* command, const std::string& message) {
   return kExitUsage;
 }
 
-const char* typeName(const Cog::CogType* t) { return t ? t->name() : "void"; }
-
-void describe(const Cog::CogType& t, std::ostream& out) {
-  out << Cog::typeKindName(t.kind()) << " " << t.name() << "\n";
-  if (const Cog::CogType* base = t.base()) out << "base: " << base->name() << "\n";
-  if (t.kind() == Cog::TypeKind::enumeration) {
-    for (const auto& e : static_cast<const Cog::EnumType&>(t).enumerators()) {
-      out << "  " << e.name << " = " << e.value << "\n";
-    }
-    return;
-  }
-  for (const Cog::MemberInfo* m : t.members()) {
-    out << "  " << m->index << " " << Cog::memberKindName(m->kind) << " " << m->name;
-    if (m->kind == Cog::MemberKind::function) {
-      out << "(";
-      for (std::size_t i = 0; i < m->params.size(); ++i) {
-        out << (i ? ", " : "") << m->params[i].name << ": " << typeName(m->params[i].type());
-      }
-      out << ") -> " << typeName(m->memberType());
-    } else {
-      out << ": " << typeName(m->memberType());
-    }
-    if (const Cog::CogType* key = m->memberKeyType()) out << " [key " << key->name() << "]";
-    if (m->resync) out << " resync";
-    if (m->settable && m->kind != Cog::MemberKind::function) out << " settable";
-    if (m->isStatic) out << " static";
-    out << "\n";
-  }
-}
-
 int typesMain(const Args& args, std::ostream& out, std::ostream& err) {
   if (args.size() == 2 && args[0] == "--describe") {
     const Cog::CogType* t = Cog::typeByName(args[1]);
     if (t == nullptr) return refuse(err, "types", "no registered type '" + args[1] + "'");
-    describe(*t, out);
+    Cog::describeType(*t, out);
     return 0;
   }
   if (args.size() > 1 || (args.size() == 1 && args[0].starts_with("-"))) {

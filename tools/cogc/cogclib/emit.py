@@ -6,7 +6,8 @@ import os
 
 import jinja2
 
-from .model import Builtin, Enum, Extern, ExternEnum, NamespaceConstant, Record
+from .model import (Builtin, Enum, Extern, ExternEnum, NamespaceConstant, Record, cpp_string,
+                    describe_member)
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TEMPLATES = os.path.join(HERE, "templates")
@@ -48,6 +49,15 @@ def type_fn(t):
     if t is None:
         return "nullptr"
     return "&Cog::TypeOf<%s>::type" % t.cpp
+
+
+def schema_decl(m):
+    """A C++ string literal of member m's declaration as the schema states it
+    (name, type, default, bounds, flags) and where: the member's doc text."""
+    text = describe_member(m).split(" ", 2)[2]
+    if m.pos is not None:
+        text += " @%s:%d" % (os.path.basename(m.pos.file), m.pos.line)
+    return cpp_string(text)
 
 
 def ns_open(ns):
@@ -173,7 +183,7 @@ class Emitter:
             trim_blocks=True, lstrip_blocks=True, keep_trailing_newline=True,
             undefined=jinja2.StrictUndefined)
         self.env.filters.update(cpp=cpp, arg=arg, ret=ret, container=container,
-                                type_fn=type_fn)
+                                type_fn=type_fn, schema_decl=schema_decl)
         self.env.filters.update(lcfirst=lcfirst, on_params=on_params, key_arg=key_arg,
                                 key_cpp=key_cpp)
         self.env.globals.update(unwrap=unwrap)
