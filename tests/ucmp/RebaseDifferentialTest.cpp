@@ -1,4 +1,4 @@
-// The fast path (the growth as a schedule) against the reference loop on many
+// The fast paths (the growth as a schedule, and settled directly) against the reference loop on many
 // random inputs: the status and every weight must be identical. Also checks
 // the invariants every outcome keeps, whichever path produced it.
 //
@@ -147,13 +147,20 @@ void expectInvariants(const RebaseOutcome& got, const std::vector<double>& in, u
   }
 }
 
+// Both fast paths against the reference loop.
 bool compare(const std::vector<double>& in, uint64_t maxUcmp, float deviation) {
   const RebaseOutcome want = RoutingLib::detail::rebaseReference(in, maxUcmp, deviation);
-  const RebaseOutcome got = RoutingLib::detail::rebaseFast(in, maxUcmp, deviation);
-  EXPECT_EQ(got.status, want.status) << describe(in, maxUcmp, deviation);
-  EXPECT_EQ(got.weights, want.weights) << describe(in, maxUcmp, deviation);
-  expectInvariants(got, in, maxUcmp, deviation);
-  return got.status == want.status && got.weights == want.weights;
+  bool same = true;
+  for (const char* path : {"fast", "direct"}) {
+    const RebaseOutcome got = path[0] == 'f'
+                                  ? RoutingLib::detail::rebaseFast(in, maxUcmp, deviation)
+                                  : RoutingLib::detail::rebaseDirect(in, maxUcmp, deviation);
+    EXPECT_EQ(got.status, want.status) << path << " " << describe(in, maxUcmp, deviation);
+    EXPECT_EQ(got.weights, want.weights) << path << " " << describe(in, maxUcmp, deviation);
+    expectInvariants(got, in, maxUcmp, deviation);
+    same = same && got.status == want.status && got.weights == want.weights;
+  }
+  return same;
 }
 
 TEST(UcmpRebaseDifferential, FastPathMatchesTheReferenceOnRandomInputs) {
