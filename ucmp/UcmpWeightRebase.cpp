@@ -875,7 +875,21 @@ void growDirect(Rebase& r, DirectStats* stats) {
   const double sweepBudget = 0.5 * static_cast<double>(steps) / static_cast<double>(n);
   const bool countFirst =
       WindowSizes(n, cut).usualConvergence() < 0.5 * static_cast<double>(r.maxUcmp);
-  if (!countFirst && !sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget)) {
+  // Without counting, the convergence is looked for along the arrivals of
+  // the last entry with a share, which rules out all but about one total
+  // per arrival when the floor is close to 1 (Direct::convergence): worth it
+  // while the other entries' shares fall short of 1 by less than its own.
+  bool certificateCheap = false;
+  if (!countFirst) {
+    size_t last = n;
+    while (last > 0 && r.entries[last - 1].optimalRatio == 0.0) --last;
+    double before = 0.0;
+    for (size_t k = 0; k + 1 < last; ++k) before += r.entries[k].optimalRatio;
+    certificateCheap = last == 0 || 1.0 - cut * (1.0 - kEta) * before <
+                                        2.0 * r.entries[last - 1].optimalRatio * cut;
+  }
+  if (!countFirst && !certificateCheap &&
+      !sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget)) {
     if (stats) ++stats->scheduled;
     growScheduled(r, cut);
     return;
@@ -911,7 +925,7 @@ void growDirect(Rebase& r, DirectStats* stats) {
       done = d.sweep(weights);
       r.total = r.maxUcmp;
     }
-  } else if (cheapSweep()) {
+  } else {
     const uint64_t converged = d.convergence(s);
     if (converged == Direct::kGiveUp) {
       done = false;
@@ -919,7 +933,7 @@ void growDirect(Rebase& r, DirectStats* stats) {
       d.weightsAt(converged, weights);
       r.total = converged;
       done = true;
-    } else {
+    } else if (cheapSweep()) {
       done = d.sweep(weights);
       r.total = r.maxUcmp;
     }

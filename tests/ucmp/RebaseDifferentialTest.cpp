@@ -247,6 +247,34 @@ TEST(UcmpRebaseDifferential, LargeGroupsAtFullBudgets) {
   }
 }
 
+// Inputs the direct growth settles itself rather than through the schedule:
+// small groups at large budgets (unconverged at deviation 0, where each top
+// group's last idle total decides), tiny deviations, and large groups of
+// commensurate weights at deviation 0 (converging where every share is
+// exact). Most of them must be settled directly, or this test would only
+// repeat the schedule's.
+TEST(UcmpRebaseDifferential, DirectSearchSettlesSmallGroupsAndExactShares) {
+  Rng rng(4096);
+  const float deviations[] = {0.0f, 0.0f, 1e-7f, std::numeric_limits<float>::denorm_min(), 1e-3f};
+  RoutingLib::detail::DirectStats stats;
+  const int cases = 240 / kScale;
+  for (int c = 0; c < cases; ++c) {
+    const bool large = c % 4 == 3;
+    const size_t n = large ? pick(rng, 64, 1024) : pick(rng, 1, 12);
+    const Shape shape = large ? (c % 8 == 3 ? Shape::linkSpeeds : Shape::dyadic)
+                              : static_cast<Shape>(c % 6);
+    std::vector<double> in = weightsOf(shape, n, rng);
+    if (sumOf(in) == 0) in[0] = 1.0;
+    const float deviation = large ? 0.0f : deviations[c / 4 % 5];
+    const uint64_t maxUcmp =
+        std::min<uint64_t>(c % 2 == 0 ? 65535 : pick(rng, n, 65535), 3'000'000 / kScale / n + n);
+    RoutingLib::detail::rebaseDirect(in, maxUcmp, deviation, &stats);
+    if (!compare(in, maxUcmp, deviation)) break;
+  }
+  EXPECT_GT(stats.direct, stats.scheduled) << stats.direct << " settled directly, "
+                                               << stats.scheduled << " by the schedule";
+}
+
 // Deviation 1 (floor 0) on every shape: nothing is under-served unless a
 // share is negative or -0, and then the first such entry takes every step.
 TEST(UcmpRebaseDifferential, FloorZeroOnEveryShape) {
