@@ -3,9 +3,10 @@
 // The reference growth loop is kept literally as designed: after every single
 // increment it rescans the entries from the largest ideal share, so its cost
 // is about maxUcmp x n ratio evaluations, and it is the only loop that can
-// write the per-scan level-3 trace. The fast path reaches the same weights as
-// a schedule, see growScheduled; the balanced rebase is a separate function
-// with its own goal, see rebaseBalanced.
+// write the per-scan level-3 trace. The fast paths reach the same weights as
+// a schedule, see growScheduled, and from a few totals found by search, see
+// growDirect; the balanced rebase is a separate function with its own goal,
+// see rebaseBalanced.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -652,6 +653,10 @@ void growScheduled(Rebase& r, double cut = 0.0) {
 // Relative slack of the bound a_k(x) >= x r_k cut (1 - eta) - 1: covers the
 // two roundings of the test and those of the sums of shares (n below 2^21).
 constexpr double kEta = 1e-9;
+// What a bound must clear, in jobs, to count: the bounds are sums of
+// integers and of x times a slope, whose roundings at totals below 2^31 stay
+// well under it.
+constexpr double kRoom = 1e-3;
 
 // The jobs of an entry arrived by total x: the largest w with dueAt(w, x).
 // x r cut is within a few units in the last place of the real boundary, so
@@ -713,7 +718,7 @@ struct Direct {
       // Q(x) > (n - k) - x + arrived + x cut (1 - eta) sharesBefore[k].
       const double bound = static_cast<double>(n - k) + static_cast<double>(arrived) -
                            static_cast<double>(x) * slopeWithout(k);
-      if (bound >= 1e-6) return true;
+      if (bound >= kRoom) return true;
     }
     exact = static_cast<int64_t>(n + arrived) - static_cast<int64_t>(x);
     return exact >= 1;
@@ -738,7 +743,7 @@ struct Direct {
       const uint64_t last = next > hi ? hi : next - 1;  // this count holds up to here
       uint64_t from = x;
       if (slope > 0.0) {
-        const double safe = (entriesLeft + static_cast<double>(w) - 1e-6) / slope * (1.0 - 1e-12);
+        const double safe = (entriesLeft + static_cast<double>(w) - kRoom) / slope * (1.0 - 1e-12);
         if (safe >= static_cast<double>(last)) from = last + 1;
         else if (safe >= static_cast<double>(x)) from = static_cast<uint64_t>(safe) + 1;
       } else {
@@ -790,7 +795,7 @@ struct Direct {
     for (size_t j = 0; j < groups; ++j) {
       best[j] = std::min(cap, g[j]);
       const double slope = slopeWithout(j + 1);
-      const double room = static_cast<double>(-best[j]) - static_cast<double>(j + 1) - 1e-6;
+      const double room = static_cast<double>(-best[j]) - static_cast<double>(j + 1) - kRoom;
       // G_j(x) >= best[j] for every x up to here.
       safeUpTo[j] = slope <= 0.0 ? (room >= 0 ? 1e300 : -1.0) : room / slope * (1.0 - 1e-12);
       start = std::min(start, safeUpTo[j]);
