@@ -676,22 +676,27 @@ inline uint64_t arrivedBy(double optimalRatio, double rc, double cut, uint64_t x
 }
 
 struct Direct {
-  const std::vector<WeightEntry>& entries;
+  std::vector<WeightEntry>& entries;  // weights written only once settled
   size_t n;
   double cut;
   uint64_t lo;      // the first step
   uint64_t hi;      // the last step the budget allows
   std::vector<double> sharesBefore;  // sharesBefore[k]: sum of optimalRatio over entries before k
-  size_t positive;  // entries with a positive share (they come first)
-  uint64_t work = 0;  // entries evaluated
+  size_t positive = 0;  // entries with a positive share (they come first)
+  uint64_t work = 0;    // entries evaluated
   uint64_t workCap;
 
-  Direct(const std::vector<WeightEntry>& e, double cut_, uint64_t lo_, uint64_t hi_, uint64_t cap)
-      : entries(e), n(e.size()), cut(cut_), lo(lo_), hi(hi_), sharesBefore(n + 1, 0.0),
-        positive(0), workCap(cap) {
+  Direct(std::vector<WeightEntry>& e, double cut_, uint64_t lo_, uint64_t hi_, uint64_t cap)
+      : entries(e), n(e.size()), cut(cut_), lo(lo_), hi(hi_), workCap(cap) {}
+
+  // The sums of shares the bounds need (not needed to settle a convergence
+  // found by counting).
+  void prepare() {
+    if (!sharesBefore.empty()) return;
+    sharesBefore.assign(n + 1, 0.0);
     for (size_t k = 0; k < n; ++k) {
-      sharesBefore[k + 1] = sharesBefore[k] + e[k].optimalRatio;
-      if (e[k].optimalRatio > 0.0) positive = k + 1;
+      sharesBefore[k + 1] = sharesBefore[k] + entries[k].optimalRatio;
+      if (entries[k].optimalRatio > 0.0) positive = k + 1;
     }
   }
 
@@ -731,6 +736,7 @@ struct Direct {
   // 1, about one per arrival).
   static constexpr uint64_t kGiveUp = kNever - 1;
   uint64_t convergence(const Schedule& s) {
+    prepare();
     if (positive == 0) return lo;  // nothing is ever due
     const size_t ks = positive - 1;
     const double slope = slopeWithout(ks);
@@ -761,8 +767,8 @@ struct Direct {
   }
 
   // The weights where the loop converged at total t.
-  void weightsAt(uint64_t t, std::vector<uint64_t>& weights) {
-    for (size_t k = 0; k < n; ++k) weights[k] = a(k, t) + 1;
+  void weightsAt(uint64_t t) {
+    for (size_t k = 0; k < n; ++k) entries[k].weight = static_cast<uint32_t>(a(k, t) + 1);
   }
 
   // The weights when the budget runs out first: the minimum over [lo, hi] of
@@ -785,6 +791,7 @@ struct Direct {
 
   // The totals the sweep may have to look at.
   uint64_t plan() {
+    prepare();
     const size_t groups = n - 1;  // the whole group's minimum is the cap
     best.resize(groups);
     g.resize(groups);
@@ -804,7 +811,7 @@ struct Direct {
     return sweepFrom > hi ? 0 : hi - sweepFrom;
   }
 
-  bool sweep(std::vector<uint64_t>& weights) {
+  bool sweep() {
     const size_t groups = n - 1;
     for (uint64_t x = sweepFrom; x < hi;) {
       if (overBudget()) return false;
@@ -822,7 +829,7 @@ struct Direct {
     int64_t before = -static_cast<int64_t>(hi);  // no step served before the first
     for (size_t k = 0; k < n; ++k) {
       const int64_t m = k < groups ? best[k] : cap;
-      weights[k] = static_cast<uint64_t>(1 + m - before);
+      entries[k].weight = static_cast<uint32_t>(1 + m - before);
       before = m;
     }
     return true;
@@ -912,7 +919,6 @@ void growDirect(Rebase& r, DirectStats* stats) {
                    j.perWeight < 1e290;
   }
   Direct d(r.entries, cut, r.total, r.maxUcmp - 1, steps);
-  std::vector<uint64_t> weights(n);
   auto cheapSweep = [&] {
     return sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget) &&
            static_cast<double>(d.plan()) <= sweepBudget;
@@ -923,11 +929,11 @@ void growDirect(Rebase& r, DirectStats* stats) {
     s.reset(r.entries);
     const uint64_t converged = s.convergenceByCount();
     if (converged != kNever) {
-      d.weightsAt(converged, weights);
+      d.weightsAt(converged);
       r.total = converged;
       done = true;
     } else if (cheapSweep()) {
-      done = d.sweep(weights);
+      done = d.sweep();
       r.total = r.maxUcmp;
     }
   } else {
@@ -935,11 +941,11 @@ void growDirect(Rebase& r, DirectStats* stats) {
     if (converged == Direct::kGiveUp) {
       done = false;
     } else if (converged != kNever) {
-      d.weightsAt(converged, weights);
+      d.weightsAt(converged);
       r.total = converged;
       done = true;
     } else if (cheapSweep()) {
-      done = d.sweep(weights);
+      done = d.sweep();
       r.total = r.maxUcmp;
     }
   }
@@ -962,7 +968,6 @@ void growDirect(Rebase& r, DirectStats* stats) {
     for (size_t k = 0; k < n; ++k) r.entries[k].weight = s.jobs[k].weight;
   } else {
     if (stats) ++stats->direct;
-    for (size_t k = 0; k < n; ++k) r.entries[k].weight = static_cast<uint32_t>(weights[k]);
   }
   budgetSpent(r);
 }
