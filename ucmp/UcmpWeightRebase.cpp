@@ -858,6 +858,20 @@ bool sweepLooksCheap(const std::vector<WeightEntry>& entries, double cut, uint64
   return true;
 }
 
+// Whether every share is +0 or a normal double in (0, 1]. Without NaN the
+// entries are in descending order, so only the ends need a look: the first,
+// the zeros at the end (none of them -0) and the smallest positive one. A
+// NaN or an infinity makes the sum of the shares NaN or infinite.
+bool directShares(const std::vector<WeightEntry>& entries) {
+  double sum = 0.0;
+  for (const WeightEntry& e : entries) sum += e.optimalRatio;
+  if (!std::isfinite(sum) || !(entries.front().optimalRatio <= 1.0)) return false;
+  size_t last = entries.size();
+  for (; last > 0 && entries[last - 1].optimalRatio == 0.0; --last)
+    if (std::signbit(entries[last - 1].optimalRatio)) return false;
+  return last == 0 || entries[last - 1].optimalRatio >= std::numeric_limits<double>::min();
+}
+
 // The growth in closed form where the shares allow it (none negative, NaN,
 // subnormal or above 1; a budget below 2^31; a floor above 0), else the
 // scheduled growth.
@@ -868,14 +882,7 @@ void growDirect(Rebase& r, DirectStats* stats) {
     return;
   }
   const size_t n = r.entries.size();
-  const bool direct =
-      r.maxUcmp < (uint64_t{1} << 31) &&
-      std::all_of(r.entries.begin(), r.entries.end(), [](const WeightEntry& e) {
-        return e.optimalRatio == 0.0 ? !std::signbit(e.optimalRatio)
-                                     : e.optimalRatio >= std::numeric_limits<double>::min() &&
-                                           e.optimalRatio <= 1.0;
-      });
-  if (!direct) {
+  if (!directShares(r.entries) || r.maxUcmp >= (uint64_t{1} << 31)) {
     if (stats) ++stats->scheduled;
     growScheduled(r);
     return;
@@ -891,17 +898,19 @@ void growDirect(Rebase& r, DirectStats* stats) {
   // the last entry with a share, which rules out all but about one total
   // per arrival when the floor is close to 1 (Direct::convergence): worth it
   // while the other entries' shares fall short of 1 by less than its own.
-  bool certificateCheap = false;
-  if (!countFirst) {
+  // And unless it converges, the outcome then needs the sweep. Where either
+  // would take long, the schedule runs at once: it is what counting would
+  // end in.
+  auto certificateCheap = [&] {
     size_t last = n;
     while (last > 0 && r.entries[last - 1].optimalRatio == 0.0) --last;
+    if (last == 0) return true;
     double before = 0.0;
     for (size_t k = 0; k + 1 < last; ++k) before += r.entries[k].optimalRatio;
-    certificateCheap = last == 0 || 1.0 - cut * (1.0 - kEta) * before <
-                                        2.0 * r.entries[last - 1].optimalRatio * cut;
-  }
-  if (!countFirst && !certificateCheap &&
-      !sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget)) {
+    return 1.0 - cut * (1.0 - kEta) * before < 2.0 * r.entries[last - 1].optimalRatio * cut;
+  };
+  if (!countFirst && (!sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget) ||
+                      !certificateCheap())) {
     if (stats) ++stats->scheduled;
     growScheduled(r, cut);
     return;
