@@ -882,7 +882,10 @@ void growDirect(Rebase& r, DirectStats* stats) {
     return;
   }
   const size_t n = r.entries.size();
-  if (!directShares(r.entries) || r.maxUcmp >= (uint64_t{1} << 31)) {
+  // A budget of a few steps per entry is spent by the schedule in less than
+  // the search would take to decide.
+  if (r.maxUcmp - r.total < 16 * static_cast<uint64_t>(n) || r.maxUcmp >= (uint64_t{1} << 31) ||
+      !directShares(r.entries)) {
     if (stats) ++stats->scheduled;
     growScheduled(r);
     return;
