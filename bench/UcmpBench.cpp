@@ -1,6 +1,8 @@
-// The weight rebase: the reference growth loop against the fast path (the
-// growth as a schedule), side by side on the same inputs, with the ratio
-// reference / fast per input at the end of the run, and the balanced rebase's
+// The weight rebase: the reference growth loop, the scheduled growth
+// ("fast") and the direct growth ("direct", the path rebaseWeights takes),
+// side by side on the same inputs, with the ratios reference / direct and
+// fast / direct per input at the end of the run, whether the direct growth
+// settled the input itself or ran the schedule, and the balanced rebase's
 // time on the same weights and budget beside them.
 //
 // Inputs: n next hops with weights drawn once from a fixed seed (uniform in
@@ -61,6 +63,17 @@ struct Input {
   }
 };
 
+// How the direct growth settled an input: by itself, by the schedule, or
+// neither (a seed that spends the budget, a floor of 0).
+std::map<std::string, std::string>& settledBy() {
+  static std::map<std::string, std::string> by;
+  return by;
+}
+std::string howSettled(const std::string& input) {
+  const auto it = settledBy().find(input);
+  return it == settledBy().end() ? "-" : it->second;
+}
+
 // Prints the usual console lines, and keeps each input's median time per
 // path for the ratio table printed at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -78,8 +91,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
   }
   void printRatios() const {
-    std::printf("\n%-30s %12s %12s %9s %12s\n", "input (median CPU time)", "reference", "fast",
-                "ref/fast", "balanced");
+    std::printf("\n%-30s %12s %12s %12s %9s %9s %-9s %12s\n", "input (median CPU time)",
+                "reference", "fast", "direct", "ref/dir", "fast/dir", "direct by", "balanced");
     for (const std::string& input : order_) {
       if (times_.count(input) == 0) continue;  // filtered out
       const auto& byPath = times_.at(input);
@@ -87,12 +100,16 @@ class RatioReporter : public benchmark::ConsoleReporter {
         const auto it = byPath.find(path);
         return it == byPath.end() ? 0.0 : it->second;
       };
-      const double ref = timeOf("reference"), fast = timeOf("fast"), balanced = timeOf("balanced");
-      std::printf("%-30s %9.2f us %9.2f us", input.c_str(), ref, fast);
-      if (fast > 0 && ref > 0)
-        std::printf(" %8.1fx", ref / fast);
-      else
-        std::printf(" %9s", "-");
+      const double ref = timeOf("reference"), fast = timeOf("fast"), direct = timeOf("direct"),
+                   balanced = timeOf("balanced");
+      std::printf("%-30s %9.2f us %9.2f us %9.2f us", input.c_str(), ref, fast, direct);
+      for (double base : {ref, fast}) {
+        if (base > 0 && direct > 0)
+          std::printf(" %8.1fx", base / direct);
+        else
+          std::printf(" %9s", "-");
+      }
+      std::printf(" %-9s", howSettled(input).c_str());
       if (balanced > 0) std::printf(" %9.2f us", balanced);
       std::printf("\n");
     }
@@ -107,6 +124,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
 RebaseOutcome balanced(std::vector<double> in, uint64_t maxUcmp, float) {
   RoutingLib::detail::BalancedOutcome b = RoutingLib::detail::rebaseBalanced(in, maxUcmp);
   return {b.status, std::move(b.weights)};
+}
+
+RebaseOutcome direct(std::vector<double> in, uint64_t maxUcmp, float deviation) {
+  return RoutingLib::detail::rebaseDirect(std::move(in), maxUcmp, deviation);
 }
 
 // Worst share of its ideal, loop against balanced, on the same random groups.
@@ -143,9 +164,13 @@ int main(int argc, char** argv) {
     for (uint64_t maxUcmp : {64, 4096, 65535})
       for (float deviation : {0.0f, 0.05f}) inputs.push_back({n, maxUcmp, deviation});
   for (const Input& in : inputs) {
+    RoutingLib::detail::DirectStats stats;
+    RoutingLib::detail::rebaseDirect(weightsFor(in.n), in.maxUcmp, in.deviation, &stats);
+    settledBy()[in.key()] = stats.direct ? "search" : stats.scheduled ? "schedule" : "seed";
     const std::pair<const char*, RebaseFn> paths[] = {
         {"reference", &RoutingLib::detail::rebaseReference},
         {"fast", &RoutingLib::detail::rebaseFast},
+        {"direct", &direct},
         {"balanced", &balanced}};
     for (const auto& [path, fn] : paths) {
       auto* b = benchmark::RegisterBenchmark((std::string(path) + "/" + in.key()).c_str(), run,

@@ -14,9 +14,15 @@
 //     increments: a few instructions per increment and per entry and window,
 //     never a rescan. It writes the level-2 lines and the level-3 input and
 //     output lines, but not the per-scan lines.
+//   - rebaseDirect: the same outcome again, from the totals where the loop
+//     converges or its groups of entries were last idle, found by a search
+//     whose work does not follow the budget. Where the search cannot settle
+//     the outcome cheaply (shares that are negative, NaN, subnormal or above
+//     1, budgets of 2^31 or more, and groups whose outcome depends on the
+//     whole history of the growth), it runs the schedule of rebaseFast.
 //   - rebase: the one callers use. It runs rebaseReference when level 3 of the
 //     "UcmpWeightRebase" trace handle is on, so the trace is exact, and
-//     rebaseFast otherwise.
+//     rebaseDirect otherwise.
 //
 // Preconditions (fatal assertions, the process aborts):
 //   - weightDeviation in [0, 1]   "weightDeviation >= 0.0 && weightDeviation <= 1.0"
@@ -44,6 +50,15 @@ struct RebaseOutcome {
 
 RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
+// How often rebaseDirect settled the growth itself and how often it ran the
+// schedule (the growth of a seed that spends the budget, or of floor 0, is
+// neither).
+struct DirectStats {
+  uint64_t direct = 0;
+  uint64_t scheduled = 0;
+};
+RebaseOutcome rebaseDirect(std::vector<double> in, uint64_t maxUcmp, float weightDeviation,
+                           DirectStats* stats = nullptr);
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation);
 
 // The balanced rebase: integer weights within the budget that maximise the

@@ -3,9 +3,10 @@
 // The reference growth loop is kept literally as designed: after every single
 // increment it rescans the entries from the largest ideal share, so its cost
 // is about maxUcmp x n ratio evaluations, and it is the only loop that can
-// write the per-scan level-3 trace. The fast path reaches the same weights as
-// a schedule, see growScheduled; the balanced rebase is a separate function
-// with its own goal, see rebaseBalanced.
+// write the per-scan level-3 trace. The fast paths reach the same weights as
+// a schedule, see growScheduled, and from a few totals found by search, see
+// growDirect; the balanced rebase is a separate function with its own goal,
+// see rebaseBalanced.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -570,13 +571,14 @@ struct Schedule {
 // converges well within the budget, the convergence is looked for first by
 // counting jobs, which is cheaper than placing them; the schedule runs when
 // the budget runs out first, since then the weights depend on who ran when.
-void growScheduled(Rebase& r) {
+// `cut`: overSubCut(r.floor) when the caller has it already.
+void growScheduled(Rebase& r, double cut = 0.0) {
   if (budgetSpent(r)) return;
   if (r.floor == 0.0) {
     growAtFloorZero(r);
     return;
   }
-  const double cut = overSubCut(r.floor);
+  if (cut == 0.0) cut = overSubCut(r.floor);
   const size_t n = r.entries.size();
   // Small groups keep their jobs on the stack.
   constexpr size_t kLocal = 32;
@@ -624,6 +626,364 @@ void growScheduled(Rebase& r) {
   budgetSpent(r);
 }
 
+// ---------------------------------------------------------------------------
+// The direct growth: the schedule's outcome from a few totals, not a walk.
+//
+// The loop is a fixed-priority queue of unit jobs (see the scheduled growth):
+// entry k's jobs arrived by total x number a_k(x), the largest w with
+// dueAt(w, x) (0 when none), and Q(x) = n + sum_k a_k(x) - x jobs are pending
+// at step x. The loop converges at the first x in [lo, maxUcmp - 1] with
+// Q(x) <= 0, every entry then at weight a_k(x) + 1. If there is none, the
+// top group of entries 0..j (in sorted order) has been served, by the end,
+//   S_j = min(maxUcmp - lo, min over x in [lo, maxUcmp - 1] of (F_j(x) + maxUcmp - 1 - x))
+// steps, F_j the jobs of the group arrived by x (the usual count of a
+// work-conserving queue: the last step at which the group was idle, or
+// none), and entry k ends at weight 1 + S_k - S_(k-1). So the outcome needs
+// the first zero of Q and the minimum of each G_j(x) = F_j(x) - x, not the
+// steps in between.
+//
+// Both are found by evaluating a_k at chosen totals and skipping the totals a
+// bound rules out. Every a_k(x) is at least x r_k cut (1 - eta) - 1, which
+// bounds the entries not evaluated; and G_j falls by at most 1 per step.
+// Where a bound rules out too little (a minimum that depends on where the
+// sum of the entries' rounding, a saw-tooth, came lowest over the whole
+// budget), the direct growth gives up before doing much and the scheduled
+// growth runs instead; `DirectStats` counts how often.
+
+// Relative slack of the bound a_k(x) >= x r_k cut (1 - eta) - 1: covers the
+// two roundings of the test and those of the sums of shares (n below 2^21).
+constexpr double kEta = 1e-9;
+// What a bound must clear, in jobs, to count: the bounds are sums of
+// integers and of x times a slope, whose roundings at totals below 2^31 stay
+// well under it.
+constexpr double kRoom = 1e-3;
+
+// The jobs of an entry arrived by total x: the largest w with dueAt(w, x).
+// x r cut is within a few units in the last place of the real boundary, so
+// away from integers its floor is the answer; near one the test decides.
+// Needs a share of 0 or a normal one in (0, 1] and x below 2^31.
+inline uint64_t arrivedBy(double optimalRatio, double rc, double cut, uint64_t x) {
+  if (optimalRatio == 0.0) return 0;  // its share is never below the floor
+  const double y = static_cast<double>(x) * rc;
+  uint64_t w = static_cast<uint64_t>(y);
+  const double frac = y - static_cast<double>(w);
+  const double margin = y * 1e-13;
+  if (frac > margin && 1.0 - frac > margin) return w;
+  auto due = [&](uint64_t v) { return dueAt(static_cast<uint32_t>(v), x, optimalRatio, cut); };
+  while (w < x && due(w + 1)) ++w;
+  while (w > 0 && !due(w)) --w;
+  return w;
+}
+
+struct Direct {
+  std::vector<WeightEntry>& entries;  // weights written only once settled
+  size_t n;
+  double cut;
+  uint64_t lo;      // the first step
+  uint64_t hi;      // the last step the budget allows
+  std::vector<double> sharesBefore;  // sharesBefore[k]: sum of optimalRatio over entries before k
+  size_t positive = 0;  // entries with a positive share (they come first)
+  uint64_t work = 0;    // entries evaluated
+  uint64_t workCap;
+
+  Direct(std::vector<WeightEntry>& e, double cut_, uint64_t lo_, uint64_t hi_, uint64_t cap)
+      : entries(e), n(e.size()), cut(cut_), lo(lo_), hi(hi_), workCap(cap) {}
+
+  // The sums of shares the bounds need (not needed to settle a convergence
+  // found by counting).
+  void prepare() {
+    if (!sharesBefore.empty()) return;
+    sharesBefore.assign(n + 1, 0.0);
+    for (size_t k = 0; k < n; ++k) {
+      sharesBefore[k + 1] = sharesBefore[k] + entries[k].optimalRatio;
+      if (entries[k].optimalRatio > 0.0) positive = k + 1;
+    }
+  }
+
+  uint64_t a(size_t k, uint64_t x) {
+    ++work;
+    return arrivedBy(entries[k].optimalRatio, entries[k].optimalRatio * cut, cut, x);
+  }
+  bool overBudget() const { return work > workCap; }
+
+  // 1 - cut (1 - eta) x (shares of the entries before k): how fast the bound
+  // on a group's G falls per step when entries k.. are left out of it.
+  double slopeWithout(size_t k) const {
+    return 1.0 - cut * (1.0 - kEta) * sharesBefore[k];
+  }
+
+  // Whether Q(x) >= 1 holds, proven with as few entries as needed: entries
+  // k.. evaluated exactly, those before bounded below. Q itself when every
+  // entry is needed; `exact` is then set to it.
+  bool pendingAt(uint64_t x, int64_t& exact) {
+    uint64_t arrived = 0;
+    for (size_t k = positive; k-- > 0;) {
+      arrived += a(k, x);
+      if (k == 0) break;
+      // Q(x) > (n - k) - x + arrived + x cut (1 - eta) sharesBefore[k].
+      const double bound = static_cast<double>(n - k) + static_cast<double>(arrived) -
+                           static_cast<double>(x) * slopeWithout(k);
+      if (bound >= kRoom) return true;
+    }
+    exact = static_cast<int64_t>(n + arrived) - static_cast<int64_t>(x);
+    return exact >= 1;
+  }
+
+  // The first total in [lo, hi] with Q <= 0, kNever when there is none, or
+  // kGiveUp. Walks the arrivals of the last positive entry: while its count
+  // stays w, Q(x) > (n - k*) + w - x slopeWithout(k*), so only the totals
+  // just before its next arrival need a closer look (when the floor is near
+  // 1, about one per arrival).
+  static constexpr uint64_t kGiveUp = kNever - 1;
+  uint64_t convergence(const Schedule& s) {
+    prepare();
+    if (positive == 0) return lo;  // nothing is ever due
+    const size_t ks = positive - 1;
+    const double slope = slopeWithout(ks);
+    const double entriesLeft = static_cast<double>(n - ks);
+    const Job& j = s.jobs[ks];
+    for (uint64_t x = lo; x <= hi;) {
+      const uint64_t w = a(ks, x);
+      const uint64_t next =
+          w + 1 >= ~uint32_t{0} ? kNever : s.dueOf(j, static_cast<uint32_t>(w + 1), x);
+      const uint64_t last = next > hi ? hi : next - 1;  // this count holds up to here
+      uint64_t from = x;
+      if (slope > 0.0) {
+        const double safe = (entriesLeft + static_cast<double>(w) - kRoom) / slope * (1.0 - 1e-12);
+        if (safe >= static_cast<double>(last)) from = last + 1;
+        else if (safe >= static_cast<double>(x)) from = static_cast<uint64_t>(safe) + 1;
+      } else {
+        from = last + 1;
+      }
+      for (uint64_t t = from; t <= last; ++t) {
+        int64_t q = 1;
+        if (!pendingAt(t, q)) return t;
+        if (overBudget()) return kGiveUp;
+      }
+      if (overBudget()) return kGiveUp;
+      x = last + 1;
+    }
+    return kNever;
+  }
+
+  // The weights where the loop converged at total t.
+  void weightsAt(uint64_t t) {
+    for (size_t k = 0; k < n; ++k) entries[k].weight = static_cast<uint32_t>(a(k, t) + 1);
+  }
+
+  // The weights when the budget runs out first: the minimum over [lo, hi] of
+  // each top group's G_j(x) = F_j(x) - x, capped at -(lo - 1) (a group busy at
+  // every step). G_j(x + i) >= G_j(x) - i, and G_j(x) > -x slopeWithout(j + 1)
+  // - (j + 1); between them most totals are skipped. plan() sets up the
+  // sweep from the values at the last step and says where it must start;
+  // sweep() runs it (false: gave up).
+  std::vector<int64_t> best, g;
+  std::vector<double> safeUpTo;
+  uint64_t sweepFrom = 0;
+
+  void groupValues(uint64_t x) {
+    int64_t sum = 0;
+    for (size_t j = 0; j + 1 < n; ++j) {
+      sum += static_cast<int64_t>(j < positive ? a(j, x) : 0);
+      g[j] = sum - static_cast<int64_t>(x);
+    }
+  }
+
+  // The totals the sweep may have to look at.
+  uint64_t plan() {
+    prepare();
+    const size_t groups = n - 1;  // the whole group's minimum is the cap
+    best.resize(groups);
+    g.resize(groups);
+    safeUpTo.resize(groups);
+    const int64_t cap = -static_cast<int64_t>(lo - 1);
+    groupValues(hi);
+    double start = static_cast<double>(hi);
+    for (size_t j = 0; j < groups; ++j) {
+      best[j] = std::min(cap, g[j]);
+      const double slope = slopeWithout(j + 1);
+      const double room = static_cast<double>(-best[j]) - static_cast<double>(j + 1) - kRoom;
+      // G_j(x) >= best[j] for every x up to here.
+      safeUpTo[j] = slope <= 0.0 ? (room >= 0 ? 1e300 : -1.0) : room / slope * (1.0 - 1e-12);
+      start = std::min(start, safeUpTo[j]);
+    }
+    sweepFrom = start < static_cast<double>(lo) ? lo : static_cast<uint64_t>(start) + 1;
+    return sweepFrom > hi ? 0 : hi - sweepFrom;
+  }
+
+  bool sweep() {
+    const size_t groups = n - 1;
+    for (uint64_t x = sweepFrom; x < hi;) {
+      if (overBudget()) return false;
+      groupValues(x);
+      double skip = 1e300;
+      for (size_t j = 0; j < groups; ++j) {
+        best[j] = std::min(best[j], g[j]);
+        const double bySlope = safeUpTo[j] - static_cast<double>(x);
+        skip = std::min(skip, std::max(static_cast<double>(g[j] - best[j]), bySlope));
+      }
+      x += 1 + (skip >= static_cast<double>(hi - x) ? hi - x
+                                                     : static_cast<uint64_t>(std::max(0.0, skip)));
+    }
+    const int64_t cap = -static_cast<int64_t>(lo - 1);
+    int64_t before = -static_cast<int64_t>(hi);  // no step served before the first
+    for (size_t k = 0; k < n; ++k) {
+      const int64_t m = k < groups ? best[k] : cap;
+      entries[k].weight = static_cast<uint32_t>(1 + m - before);
+      before = m;
+    }
+    return true;
+  }
+};
+
+// Whether Direct::sweep would look at no more than `span` totals, judged
+// from the shares alone (each a_k(x) taken as x r_k cut less half a unit),
+// so that an input whose outcome depends on most of the growth goes to the
+// schedule before any entry is evaluated. Stops at the first group that
+// needs more; no division.
+bool sweepLooksCheap(const std::vector<WeightEntry>& entries, double cut, uint64_t lo, uint64_t hi,
+                     double span) {
+  const double last = static_cast<double>(hi);
+  if (last - static_cast<double>(lo) <= span) return true;
+  const double from = last - span;  // every group must be safe up to here
+  const double cap = static_cast<double>(lo - 1);
+  double shares = 0.0;
+  for (size_t j = 0; j + 1 < entries.size(); ++j) {
+    shares += entries[j].optimalRatio;
+    const double slope = 1.0 - cut * shares;
+    const double groupSize = static_cast<double>(j + 1);
+    const double low = std::max(cap, last * slope + 0.5 * groupSize);  // about -G_j(hi), capped
+    if (!(low - groupSize >= slope * from)) return false;
+  }
+  return true;
+}
+
+// Whether every share is +0 or a normal double in (0, 1]. Without NaN the
+// entries are in descending order, so only the ends need a look: the first,
+// the zeros at the end (none of them -0) and the smallest positive one. A
+// NaN or an infinity makes the sum of the shares NaN or infinite.
+bool directShares(const std::vector<WeightEntry>& entries) {
+  double sum = 0.0;
+  for (const WeightEntry& e : entries) sum += e.optimalRatio;
+  if (!std::isfinite(sum) || !(entries.front().optimalRatio <= 1.0)) return false;
+  size_t last = entries.size();
+  for (; last > 0 && entries[last - 1].optimalRatio == 0.0; --last)
+    if (std::signbit(entries[last - 1].optimalRatio)) return false;
+  return last == 0 || entries[last - 1].optimalRatio >= std::numeric_limits<double>::min();
+}
+
+// The growth in closed form where the shares allow it (none negative, NaN,
+// subnormal or above 1; a budget below 2^31; a floor above 0), else the
+// scheduled growth.
+void growDirect(Rebase& r, DirectStats* stats) {
+  if (budgetSpent(r)) return;
+  if (r.floor == 0.0) {
+    growAtFloorZero(r);
+    return;
+  }
+  const size_t n = r.entries.size();
+  // A budget of a few steps per entry is spent by the schedule in less than
+  // the search would take to decide.
+  if (r.maxUcmp - r.total < 16 * static_cast<uint64_t>(n) || r.maxUcmp >= (uint64_t{1} << 31) ||
+      !directShares(r.entries)) {
+    if (stats) ++stats->scheduled;
+    growScheduled(r);
+    return;
+  }
+  const double cut = overSubCut(r.floor);
+  // A direct answer is worth it while it evaluates fewer entries than the
+  // schedule has steps to take (an evaluation costs about what a step does).
+  const uint64_t steps = r.maxUcmp - r.total;
+  const double sweepBudget = 0.5 * static_cast<double>(steps) / static_cast<double>(n);
+  const bool countFirst =
+      WindowSizes(n, cut).usualConvergence() < 0.5 * static_cast<double>(r.maxUcmp);
+  // Without counting, the convergence is looked for along the arrivals of
+  // the last entry with a share, which rules out all but about one total
+  // per arrival when the floor is close to 1 (Direct::convergence): worth it
+  // while the other entries' shares fall short of 1 by less than its own.
+  // And unless it converges, the outcome then needs the sweep. Where either
+  // would take long, the schedule runs at once: it is what counting would
+  // end in.
+  auto certificateCheap = [&] {
+    size_t last = n;
+    while (last > 0 && r.entries[last - 1].optimalRatio == 0.0) --last;
+    if (last == 0) return true;
+    double before = 0.0;
+    for (size_t k = 0; k + 1 < last; ++k) before += r.entries[k].optimalRatio;
+    return 1.0 - cut * (1.0 - kEta) * before < 2.0 * r.entries[last - 1].optimalRatio * cut;
+  };
+  if (!countFirst && (!sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget) ||
+                      !certificateCheap())) {
+    if (stats) ++stats->scheduled;
+    growScheduled(r, cut);
+    return;
+  }
+  constexpr size_t kLocal = 32;
+  Job local[kLocal];
+  std::vector<Job> heap(n > kLocal ? n : 0);
+  Schedule s{n > kLocal ? heap.data() : local, n, cut, r.total, r.maxUcmp - 1};
+  for (size_t k = 0; k < n; ++k) {
+    const double optimalRatio = r.entries[k].optimalRatio;
+    Job& j = s.jobs[k];
+    j.optimalRatio = optimalRatio;
+    j.perWeight = 1.0 / (optimalRatio * cut);
+    j.closedForm = optimalRatio >= 1e-290 && optimalRatio <= 1e290 && j.perWeight > 0 &&
+                   j.perWeight < 1e290;
+  }
+  Direct d(r.entries, cut, r.total, r.maxUcmp - 1, steps);
+  auto cheapSweep = [&] {
+    return sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget) &&
+           static_cast<double>(d.plan()) <= sweepBudget;
+  };
+  bool done = false;
+  if (countFirst) {
+    // Usually converges well within the budget: count jobs to find where.
+    s.reset(r.entries);
+    const uint64_t converged = s.convergenceByCount();
+    if (converged != kNever) {
+      d.weightsAt(converged);
+      r.total = converged;
+      done = true;
+    } else if (cheapSweep()) {
+      done = d.sweep();
+      r.total = r.maxUcmp;
+    }
+  } else {
+    const uint64_t converged = d.convergence(s);
+    if (converged == Direct::kGiveUp) {
+      done = false;
+    } else if (converged != kNever) {
+      d.weightsAt(converged);
+      r.total = converged;
+      done = true;
+    } else if (cheapSweep()) {
+      done = d.sweep();
+      r.total = r.maxUcmp;
+    }
+  }
+  if (!done) {
+    if (stats) ++stats->scheduled;
+    r.total = s.lo;
+    s.reset(r.entries);
+    bool wrapped = false;
+    const uint64_t converged = s.run(wrapped);
+    if (wrapped) {
+      growReference(r);
+      return;
+    }
+    if (converged != kNever) {
+      s.settleAt(converged);
+      r.total = converged;
+    } else {
+      r.total = r.maxUcmp;
+    }
+    for (size_t k = 0; k < n; ++k) r.entries[k].weight = s.jobs[k].weight;
+  } else {
+    if (stats) ++stats->direct;
+  }
+  budgetSpent(r);
+}
+
 RebaseOutcome finish(const Rebase& r) {
   RebaseOutcome out{r.status, std::vector<uint32_t>(r.entries.size(), 0)};
   for (const WeightEntry& e : r.entries) out.weights[static_cast<size_t>(e.index)] = e.weight;
@@ -642,6 +1002,13 @@ RebaseOutcome rebaseReference(std::vector<double> in, uint64_t maxUcmp, float we
 RebaseOutcome rebaseFast(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
   Rebase r = start(in, maxUcmp, weightDeviation);
   growScheduled(r);
+  return finish(r);
+}
+
+RebaseOutcome rebaseDirect(std::vector<double> in, uint64_t maxUcmp, float weightDeviation,
+                           DirectStats* stats) {
+  Rebase r = start(in, maxUcmp, weightDeviation);
+  growDirect(r, stats);
   return finish(r);
 }
 
@@ -765,7 +1132,7 @@ double worstShareOf(const std::vector<double>& in, const std::vector<uint32_t>& 
 
 RebaseOutcome rebase(std::vector<double> in, uint64_t maxUcmp, float weightDeviation) {
   if (COG_TRACE_ENABLED(3)) return rebaseReference(std::move(in), maxUcmp, weightDeviation);
-  return rebaseFast(std::move(in), maxUcmp, weightDeviation);
+  return rebaseDirect(std::move(in), maxUcmp, weightDeviation);
 }
 
 }  // namespace detail

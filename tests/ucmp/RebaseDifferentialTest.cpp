@@ -1,4 +1,4 @@
-// The fast path (the growth as a schedule) against the reference loop on many
+// The fast paths (the growth as a schedule, and settled directly) against the reference loop on many
 // random inputs: the status and every weight must be identical. Also checks
 // the invariants every outcome keeps, whichever path produced it.
 //
@@ -147,13 +147,20 @@ void expectInvariants(const RebaseOutcome& got, const std::vector<double>& in, u
   }
 }
 
+// Both fast paths against the reference loop.
 bool compare(const std::vector<double>& in, uint64_t maxUcmp, float deviation) {
   const RebaseOutcome want = RoutingLib::detail::rebaseReference(in, maxUcmp, deviation);
-  const RebaseOutcome got = RoutingLib::detail::rebaseFast(in, maxUcmp, deviation);
-  EXPECT_EQ(got.status, want.status) << describe(in, maxUcmp, deviation);
-  EXPECT_EQ(got.weights, want.weights) << describe(in, maxUcmp, deviation);
-  expectInvariants(got, in, maxUcmp, deviation);
-  return got.status == want.status && got.weights == want.weights;
+  bool same = true;
+  for (const char* path : {"fast", "direct"}) {
+    const RebaseOutcome got = path[0] == 'f'
+                                  ? RoutingLib::detail::rebaseFast(in, maxUcmp, deviation)
+                                  : RoutingLib::detail::rebaseDirect(in, maxUcmp, deviation);
+    EXPECT_EQ(got.status, want.status) << path << " " << describe(in, maxUcmp, deviation);
+    EXPECT_EQ(got.weights, want.weights) << path << " " << describe(in, maxUcmp, deviation);
+    expectInvariants(got, in, maxUcmp, deviation);
+    same = same && got.status == want.status && got.weights == want.weights;
+  }
+  return same;
 }
 
 TEST(UcmpRebaseDifferential, FastPathMatchesTheReferenceOnRandomInputs) {
@@ -238,6 +245,34 @@ TEST(UcmpRebaseDifferential, LargeGroupsAtFullBudgets) {
     const uint64_t maxUcmp = c % 2 == 0 ? 65535 : pick(rng, n, 65535);
     if (!compare(in, maxUcmp, deviations[c / 2 % 4])) break;
   }
+}
+
+// Inputs the direct growth settles itself rather than through the schedule:
+// small groups at large budgets (unconverged at deviation 0, where each top
+// group's last idle total decides), tiny deviations, and large groups of
+// commensurate weights at deviation 0 (converging where every share is
+// exact). Most of them must be settled directly, or this test would only
+// repeat the schedule's.
+TEST(UcmpRebaseDifferential, DirectSearchSettlesSmallGroupsAndExactShares) {
+  Rng rng(4096);
+  const float deviations[] = {0.0f, 0.0f, 1e-7f, std::numeric_limits<float>::denorm_min(), 1e-3f};
+  RoutingLib::detail::DirectStats stats;
+  const int cases = 240 / kScale;
+  for (int c = 0; c < cases; ++c) {
+    const bool large = c % 4 == 3;
+    const size_t n = large ? pick(rng, 64, 1024) : pick(rng, 1, 12);
+    const Shape shape = large ? (c % 8 == 3 ? Shape::linkSpeeds : Shape::dyadic)
+                              : static_cast<Shape>(c % 6);
+    std::vector<double> in = weightsOf(shape, n, rng);
+    if (sumOf(in) == 0) in[0] = 1.0;
+    const float deviation = large ? 0.0f : deviations[c / 4 % 5];
+    const uint64_t maxUcmp =
+        std::min<uint64_t>(c % 2 == 0 ? 65535 : pick(rng, n, 65535), 3'000'000 / kScale / n + n);
+    RoutingLib::detail::rebaseDirect(in, maxUcmp, deviation, &stats);
+    if (!compare(in, maxUcmp, deviation)) break;
+  }
+  EXPECT_GT(stats.direct, stats.scheduled) << stats.direct << " settled directly, "
+                                               << stats.scheduled << " by the schedule";
 }
 
 // Deviation 1 (floor 0) on every shape: nothing is under-served unless a

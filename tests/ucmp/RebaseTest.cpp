@@ -1,8 +1,9 @@
 // The weight rebase on known cases, its trace and its fatal assertions. Every
-// case runs through the reference loop, the fast path and the dispatcher.
+// case runs through the reference loop, both fast paths and the dispatcher.
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,6 +27,9 @@ struct Path {
 const Path kPaths[] = {
     {"reference", &RoutingLib::detail::rebaseReference},
     {"fast", &RoutingLib::detail::rebaseFast},
+    {"direct", [](std::vector<double> in, uint64_t maxUcmp, float deviation) {
+       return RoutingLib::detail::rebaseDirect(std::move(in), maxUcmp, deviation);
+     }},
     {"dispatch", &RoutingLib::detail::rebase},
 };
 
