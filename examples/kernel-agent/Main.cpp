@@ -6,13 +6,24 @@
 //
 //   kernel-agent [--vrfs N] [--rate CHANGES_PER_S] [--changes N] [--keep N]
 //                [--error4 TABLE] [--error6 TABLE] [--leaked TABLE]
+//                [--after-socket PATH]
+//
+// With --after-socket it makes its tables and then waits until something
+// listens at PATH (the status agent's mount) before the first change, so
+// that the status agent starts over tables that stand still.
 //
 // Failures are recorded until `keep` are present; from then on it clears
 // the oldest failure and records a new one in turn, so each failure stays
 // recorded for a while. After `changes` changes (0: no limit) it prints
 // "kernel-agent: done ..." and keeps its tables until it is stopped
 // (SIGTERM or SIGINT), when it prints a summary and exits 0.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -42,11 +53,26 @@ struct Config {
   std::string error4 = "unprog.error";
   std::string error6 = "unprog.error6";
   std::string leaked = "crl.leaked";
+  std::string afterSocket;
 };
+
+bool listening(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  if (fd < 0 || path.size() >= sizeof a.sun_path) {
+    if (fd >= 0) close(fd);
+    return false;
+  }
+  std::memcpy(a.sun_path, path.data(), path.size());
+  const bool ok = connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
+  close(fd);
+  return ok;
+}
 
 int usage() {
   std::cerr << "usage: kernel-agent [--vrfs N] [--rate CHANGES_PER_S] [--changes N] [--keep N]\n"
-               "                    [--error4 TABLE] [--error6 TABLE] [--leaked TABLE]\n";
+               "                    [--error4 TABLE] [--error6 TABLE] [--leaked TABLE] [--after-socket PATH]\n";
   return 2;
 }
 
@@ -82,6 +108,7 @@ int main(int argc, char** argv) {
       else if (a == "--error4") c.error4 = v;
       else if (a == "--error6") c.error6 = v;
       else if (a == "--leaked") c.leaked = v;
+      else if (a == "--after-socket") c.afterSocket = v;
       else return usage();
     } catch (const std::exception&) {
       return usage();
@@ -116,8 +143,8 @@ int main(int argc, char** argv) {
 
     std::deque<ErrorKey> present;
     unsigned long next = 0, recorded = 0, cleared = 0, done = 0;
-    bool finished = false;
-    const auto start = Loop::EventLoop::Clock::now();
+    bool finished = false, started = c.afterSocket.empty();
+    auto start = Loop::EventLoop::Clock::now();
     auto change = [&] {
       if (present.size() >= c.keep && done % 2 == 1) {
         const ErrorKey k = present.front();
@@ -144,6 +171,12 @@ int main(int argc, char** argv) {
         std::chrono::duration<double>(std::max(1.0 / c.rate, 0.001)));
     loop.timerIs(period, [&] {
       if (finished) return;
+      if (!started) {
+        if (!listening(c.afterSocket)) return;
+        started = true;
+        start = Loop::EventLoop::Clock::now();
+        std::cout << "kernel-agent: " << c.afterSocket << " is served; starting" << std::endl;
+      }
       const double elapsed = std::chrono::duration<double>(Loop::EventLoop::Clock::now() - start).count();
       auto due = static_cast<unsigned long>(elapsed * c.rate);
       if (c.changes != 0) due = std::min(due, c.changes);

@@ -109,6 +109,13 @@ int main(int argc, char** argv) {
       static_cast<Machines*>(p)->splitter->handleRoute6(k);
     });
 
+    // Tables that exist already are mapped by now: what they hold is
+    // replayed before anything else happens.
+    status->errorProcessNotifications();
+    replay4.afterNotifications();
+    status->error6ProcessNotifications();
+    replay6.afterNotifications();
+
     auto crl = Routing::connectedRouteLeakStatusFactory(Cog::Name("status"));
     crl->leakedRouteReaderIs(leaked);
     auto crlLocal = Routing::connectedRouteLeakLocalStatusFactory();
