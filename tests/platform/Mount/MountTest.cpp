@@ -27,6 +27,7 @@
 #include "Loop/EventLoop.h"
 #include "Mount/Mount.h"
 #include "RoutingLib/Routing.h"
+#include "RoutingLib/VrfHelper.h"
 #include "TreeText.h"
 #include "support/ChildProcess.h"
 
@@ -502,6 +503,74 @@ TEST(MountProcesses, SlowSubscriberIsResynchronisedWhileAFastOneKeepsUp) {
   EXPECT_EQ(fast.resyncs(), 1u);
   Channel::writeMsg(slowCh.toChild[1], "quit");
   EXPECT_EQ(testsupport::exitStatus(slow), 0);
+}
+
+// A VRF helper over a directory mounted from another process: its
+// entityPtr comes and goes with the remote entry, and its observers hear
+// each change.
+TEST(MountProcesses, VrfHelperFollowsAMountedDirectory) {
+  const std::string path = socketPath("vrfdir");
+  Channel ch;
+  const pid_t pub = testsupport::spawn([&]() -> int {
+    auto dir = Cog::allocate<Cog::Dir>(Cog::Name("vrfs"));
+    dir->entityIs(Cog::Name("blue"), Routing::routeListFactory(Cog::Name("blue")));
+    Mount::Options o;
+    o.log = [](const std::string&) {};
+    Mount::Publisher publisher(path, dir, o);
+    Loop::EventLoop loop;
+    loop.sourceIs(publisher);
+    loop.fdIs(ch.toChild[0], [&] {
+      std::string cmd;
+      if (!Channel::readMsg(ch.toChild[0], &cmd) || cmd == "quit") {
+        loop.stop();
+        return;
+      }
+      const Cog::Name red("red");
+      if (cmd == "add") {
+        auto list = Routing::routeListFactory(red);
+        list->routeIs(routeKey(1), Routing::RouteType::forward)->tagIs(7);
+        dir->entityIs(red, list);
+      } else {
+        dir->entityDel(red);
+      }
+      publisher.service();
+      Channel::writeMsg(ch.toParent[1], "ok");
+    });
+    Channel::writeMsg(ch.toParent[1], "ready");
+    loop.run();
+    return 0;
+  });
+  std::string got;
+  ASSERT_TRUE(Channel::readMsg(ch.toParent[0], &got));
+
+  LogCapture log;
+  auto mirror = Cog::allocate<Cog::Dir>(Cog::Name("vrfs"));
+  Mount::Subscriber sub(path, Cog::Ptr<Cog::Entity>(mirror.ptr()), log.options());
+  auto helper = L3::vrfDirEntryHelperSmFactory(L3::VrfName(Cog::String("red")), mirror);
+  struct Watch : L3::VrfDirEntryHelperSm::NotifieeConst {
+    int changes = 0;
+    void onEntityPtr() override { ++changes; }
+  };
+  auto watch = Cog::allocate<Watch>();
+  watch->notifierIs(helper);
+  Loop::EventLoop loop;
+  loop.sourceIs(sub);
+  ASSERT_TRUE(runUntil(loop, [&] { return sub.status() == Mount::Subscriber::Status::synced; }));
+  EXPECT_TRUE(mirror->entity(Cog::Name("blue")));
+  EXPECT_FALSE(helper->entityPtr());
+
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(ch.ask("add", &got));
+    ASSERT_TRUE(runUntil(loop, [&] { return helper->entityPtr() != nullptr; })) << round;
+    auto list = Cog::Ptr<const RouteList>(dynamic_cast<const RouteList*>(helper->entityPtr().ptr()));
+    ASSERT_TRUE(list);
+    ASSERT_TRUE(runUntil(loop, [&] { return list->route(routeKey(1)) && list->route(routeKey(1))->tag() == 7; }));
+    ASSERT_TRUE(ch.ask("del", &got));
+    ASSERT_TRUE(runUntil(loop, [&] { return helper->entityPtr() == nullptr; })) << round;
+  }
+  EXPECT_EQ(watch->changes, 6);
+  Channel::writeMsg(ch.toChild[1], "quit");
+  EXPECT_EQ(testsupport::exitStatus(pub), 0);
 }
 
 }  // namespace
