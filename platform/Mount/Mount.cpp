@@ -182,9 +182,11 @@ Publisher::Publisher(std::string path, const Cog::Ptr<Cog::Entity>& root, Option
   }
   const sockaddr_un addr = addressOf(path_);
   // A live publisher answers; a file left by one that died does not.
-  int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (probe >= 0) {
-    const bool live = ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
+    // Non-blocking: a live publisher with a full backlog answers EAGAIN.
+    const bool live = ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ||
+                      errno == EAGAIN;
     close(probe);
     if (live) throw Cog::NameInUseException("mount " + path_ + " is served by another process");
   }
@@ -520,6 +522,10 @@ void Publisher::accept() {
       ++dropped_;
       close(fd);
       continue;
+    }
+    if (options_.socketBuffer != 0) {
+      const int size = static_cast<int>(options_.socketBuffer);
+      setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     }
     auto peer = std::make_unique<Peer>();
     peer->fd = fd;

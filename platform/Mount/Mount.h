@@ -101,6 +101,9 @@ struct Options {
   std::size_t outputBound = std::size_t(4) << 20;
   // Longest frame a peer may send.
   std::size_t maxFrame = std::size_t(64) << 20;
+  // Publisher: the kernel's send buffer per subscriber in bytes (SO_SNDBUF);
+  // 0 keeps the system's default.
+  std::size_t socketBuffer = 0;
   // Group of the socket file and of admitted peers; empty: owner only.
   std::string group;
   // Subscribers: time between connection attempts.

@@ -259,6 +259,32 @@ TEST(Mount, HostilePeersAreDroppedAndOthersCarryOn) {
   EXPECT_EQ(good.connects(), 1u);
 }
 
+// Peers are admitted by their credentials, whatever the socket file's mode:
+// a process of another user is refused even when the file lets it connect.
+TEST(Mount, PeersOfOtherUsersAreRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a peer as another user";
+  LogCapture log;
+  const std::string path = socketPath("creds");
+  auto list = Routing::routeListFactory(Cog::Name("rib"));
+  Mount::Publisher pub(path, list, log.options());
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  const pid_t peer = testsupport::spawn([&]() -> int {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 3;
+    const int fd = rawConnect(path);
+    if (fd < 0) return 4;
+    char c;
+    // The publisher closes the connection: end of stream.
+    const ssize_t got = read(fd, &c, 1);
+    return got == 0 ? 0 : 5;
+  });
+  Loop::EventLoop loop;
+  loop.sourceIs(pub);
+  ASSERT_TRUE(runUntil(loop, [&] { return pub.dropped() > 0; }));
+  EXPECT_TRUE(log.has("uid 65534): not an admitted user"));
+  EXPECT_EQ(testsupport::exitStatus(peer), 0);
+  EXPECT_EQ(pub.subscribers(), 0u);
+}
+
 // A publisher that sends garbage: the subscriber drops it with a reason,
 // connects again and resynchronises from a good one.
 TEST(Mount, SubscriberDropsAPublisherThatSendsGarbage) {
@@ -470,7 +496,8 @@ TEST(MountProcesses, SlowSubscriberIsResynchronisedWhileAFastOneKeepsUp) {
   LogCapture log;
   auto list = Routing::routeListFactory(Cog::Name("rib"));
   Mount::Options po = log.options();
-  po.outputBound = 8 * 1024;
+  po.outputBound = 64 * 1024;
+  po.socketBuffer = 4096;  // the slow one's socket fills soon
   Mount::Publisher pub(path, list, po);
   Mount::Subscriber fast(path, "Routing::RouteList", log.options());
   Loop::EventLoop loop;
@@ -486,7 +513,7 @@ TEST(MountProcesses, SlowSubscriberIsResynchronisedWhileAFastOneKeepsUp) {
   ASSERT_TRUE(slowCh.ask("pause", &got));
   unsigned k = 0;
   while (pub.overflows() == 0 && k < 400) {
-    burst(*list, k++, 400, 2000);
+    burst(*list, k++, 100, 400);
     ASSERT_TRUE(runUntil(loop, [&] { return text(fast.root()) == text(list); })) << "burst " << k;
   }
   EXPECT_GT(pub.overflows(), 0u);
