@@ -142,7 +142,7 @@ TEST(Agents, ShowEqualsTheFinalTables) {
   } cleanup{{n4, n6, leaked}, sock};
   const std::string tables = " --error4 " + n4 + " --error6 " + n6 + " --leaked " + leaked;
 
-  Agent kernel(std::string("'") + KERNEL_AGENT + "' --vrfs 5 --rate 1000 --changes 600 --keep 100 --after-socket " +
+  Agent kernel(std::string("'") + KERNEL_AGENT + "' --vrfs 5 --rate 400 --changes 600 --keep 120 --after-socket " +
                sock + tables);
   ASSERT_TRUE(kernel.await("programming")) << kernel.seen;
   Agent status(std::string("'") + STATUS_AGENT + "' --socket " + sock + tables);
