@@ -285,8 +285,9 @@ TEST(Mount, PeersOfOtherUsersAreRefused) {
   EXPECT_EQ(pub.subscribers(), 0u);
 }
 
-// A publisher that sends garbage: the subscriber drops it with a reason,
-// connects again and resynchronises from a good one.
+// A publisher that sends garbage, truncated or unknown records: the
+// subscriber drops it with a reason, connects again and resynchronises from
+// a good one.
 TEST(Mount, SubscriberDropsAPublisherThatSendsGarbage) {
   LogCapture log;
   const std::string path = socketPath("badpub");
@@ -300,9 +301,53 @@ TEST(Mount, SubscriberDropsAPublisherThatSendsGarbage) {
   Mount::Subscriber sub(path, "Routing::RouteList", log.options());
   Loop::EventLoop loop;
   loop.sourceIs(sub);
+  // Frames of a publisher of a route list named "rib".
+  auto frame = [](Mount::FrameKind kind, const std::function<void(const Cog::Ptr<Cog::NboAttrLog::Out>&)>& body) {
+    auto out = Cog::allocate<Cog::NboAttrLog::Out>();
+    out->putU32(0);
+    out->putU8(static_cast<std::uint8_t>(kind));
+    body(out);
+    std::vector<std::uint8_t> b = out->bytes();
+    const auto len = static_cast<std::uint32_t>(b.size() - 4);
+    b[0] = static_cast<std::uint8_t>(len >> 24), b[1] = static_cast<std::uint8_t>(len >> 16);
+    b[2] = static_cast<std::uint8_t>(len >> 8), b[3] = static_cast<std::uint8_t>(len);
+    return b;
+  };
+  auto hello = frame(Mount::FrameKind::hello, [](const auto& o) {
+    o->putU32(Mount::kMagic);
+    o->putU32(Mount::kVersion);
+    o->putString("Routing::RouteList");
+    o->putString("Routing::RouteList");
+    o->putString("rib");
+  });
+  auto begin = frame(Mount::FrameKind::begin, [](const auto&) {});
+  auto then = [](std::vector<std::uint8_t> a, const std::vector<std::uint8_t>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
   const std::vector<std::vector<std::uint8_t>> replies = {
-      {0, 0, 0, 3, 9, 9, 9},                                  // not a hello
-      {0xff, 0xff, 0xff, 0xff, 1},                            // oversized
+      {0, 0, 0, 3, 9, 9, 9},        // not a hello
+      {0xff, 0xff, 0xff, 0xff, 1},  // oversized
+      // an attribute id the root's type does not have
+      then(then(hello, begin), frame(Mount::FrameKind::records, [](const auto& o) {
+             o->putU32(1);
+             o->putU32(999);
+             o->putU8(0);
+           })),
+      // records for a node never announced
+      then(then(hello, begin), frame(Mount::FrameKind::records, [](const auto& o) {
+             o->putU32(77);
+             o->putU32(2);
+           })),
+      // a record cut short inside its frame
+      then(then(hello, begin), frame(Mount::FrameKind::records, [](const auto& o) {
+             o->putU32(1);
+             o->putU32(258);
+             o->putU8(1);
+             o->putU8(0);
+           })),
+      // an unknown frame kind
+      then(hello, frame(static_cast<Mount::FrameKind>(42), [](const auto&) {})),
   };
   for (std::size_t i = 0; i < replies.size(); ++i) {
     const auto& reply = replies[i];
@@ -318,6 +363,10 @@ TEST(Mount, SubscriberDropsAPublisherThatSendsGarbage) {
   }
   EXPECT_TRUE(log.has("expected a hello"));
   EXPECT_TRUE(log.has("out of bounds"));
+  EXPECT_TRUE(log.has("has no attribute id 999"));
+  EXPECT_TRUE(log.has("records for unknown node 77"));
+  EXPECT_TRUE(log.has("unknown frame kind 42"));
+  EXPECT_EQ(log.lines.size(), replies.size()) << log.lines.back();
   close(lfd);
   unlink(path.c_str());
   // A real publisher now: the subscriber connects again and follows it.
