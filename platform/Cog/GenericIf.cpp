@@ -71,6 +71,13 @@ Ptr<GenericIterator> GenericIf::iterator(std::string_view collection) const {
   return result;
 }
 
+Ptr<GenericIf> GenericIf::lookup(std::string_view collection, const Ptr<GenericIf>& key) const {
+  Ptr<GenericIf> result;
+  Ptr<GenericIf> k = key;
+  attributeOp(AttributeOp::lookup, memberNamed(*this, collection).index, &k, &result);
+  return result;
+}
+
 bool GenericIf::isDefault() const {
   if (type()->isEntity()) return false;
   bool result = false;

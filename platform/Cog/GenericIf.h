@@ -16,7 +16,9 @@
 //   - op.kind read (0): *(Ptr<GenericIf>*)result = the member's value;
 //     write (1): the member's setter with *(const Ptr<GenericIf>*)argument;
 //     iterate (2): *(Ptr<GenericIterator>*)result = an iterator over a
-//     collection; call (8): *(const ArgList*)argument are the arguments,
+//     collection; lookup (3): *(Ptr<GenericIf>*)result = the value of a
+//     keyed collection under the key *(const Ptr<GenericIf>*)argument (null
+//     when absent); call (8): *(const ArgList*)argument are the arguments,
 //     *(Ptr<GenericIf>*)result the result (null for void); with index 0,
 //     kind 9 is operator!: *(bool*)result;
 //   - a kind the member does not support throws NotSupportedException; an
@@ -46,7 +48,7 @@
 namespace Cog {
 
 struct AttributeOp {
-  enum Kind : unsigned { read = 0, write = 1, iterate = 2, call = 8, operatorNot = 9 };
+  enum Kind : unsigned { read = 0, write = 1, iterate = 2, lookup = 3, call = 8, operatorNot = 9 };
   Kind kind;
   unsigned index;
 };
@@ -87,6 +89,9 @@ class GenericIf : public PtrInterface {
   void attributeIs(unsigned index, const Ptr<GenericIf>& value) const;
   Ptr<GenericIf> call(std::string_view function, const ArgList& args = {}) const;
   Ptr<GenericIterator> iterator(std::string_view collection) const;
+  // The value under `key` in a keyed collection (maps, not sets or arrays),
+  // or null; one lookup, not a walk.
+  Ptr<GenericIf> lookup(std::string_view collection, const Ptr<GenericIf>& key) const;
   // operator! of the held value (an entity: false).
   bool isDefault() const;
 

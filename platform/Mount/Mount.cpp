@@ -376,13 +376,61 @@ void Publisher::dirEntry(Node& node, const Cog::Name& name, bool announce) {
 }
 
 void Publisher::changed(Node& node, Cog::AttributeId id) {
-  flushRecords(node);
   const Cog::MemberInfo* m = node.type->member(id);
-  if (m != nullptr && isEntityMember(*m)) {
-    // Compared with the tree in service(): a burst of changes is one scan,
-    // and the new members' own attributes travel with them.
-    pending_[{node.id, id}] = true;
-    ring();
+  if (m == nullptr || !isEntityMember(*m)) {
+    flushRecords(node);
+    return;
+  }
+  // The record the adapter just wrote names the key that changed.
+  const std::vector<std::uint8_t> record = node.out ? node.out->bytes() : std::vector<std::uint8_t>();
+  flushRecords(node);
+  if (m->kind == Cog::MemberKind::collection && memberChanged(node, *m, record)) return;
+  // Compared with the tree in service(): a burst of such changes is one scan.
+  pending_[{node.id, id}] = true;
+  ring();
+}
+
+// Follows one key of an instantiating collection from the adapter's record
+// of it (keySet: the member under the key joins or replaces its node;
+// keyDel: its node leaves). False when the record does not say.
+bool Publisher::memberChanged(Node& node, const Cog::MemberInfo& member, const std::vector<std::uint8_t>& record) {
+  const Cog::CogType* keyType = member.memberKeyType();
+  if (record.empty() || keyType == nullptr || keyType->glue().fromAttrLog == nullptr) return false;
+  try {
+    auto in = Cog::allocate<Cog::NboAttrLog::In>(record);
+    if (in->nextU32() != member.index) return false;
+    const std::uint8_t op = in->nextU8();
+    if (op != static_cast<std::uint8_t>(Cog::AttrLogOp::keySet) &&
+        op != static_cast<std::uint8_t>(Cog::AttrLogOp::keyDel)) {
+      return false;
+    }
+    const std::size_t start = in->position();
+    Cog::Ptr<Cog::GenericIf> key = keyType->glue().fromAttrLog(in.ptr());
+    std::vector<std::uint8_t> keyForm(record.begin() + static_cast<std::ptrdiff_t>(start),
+                                      record.begin() + static_cast<std::ptrdiff_t>(in->position()));
+    Cog::Ptr<Cog::Entity> entity;
+    if (op == static_cast<std::uint8_t>(Cog::AttrLogOp::keySet)) {
+      auto self = Cog::genericIfOfEntity(node.type, node.entity.ptr(), false);
+      entity = Cog::Ptr<Cog::Entity>(entityOf(self->lookup(member.name, key)));
+    }
+    auto c = node.children.find({member.index, keyForm});
+    if (c != node.children.end()) {
+      if (entity && nodes_.at(c->second)->entity == entity) return true;
+      nodeDel(c->second, !peers_.empty());
+    }
+    if (!entity) return true;
+    const Cog::CogType* type = typeOfEntity(*entity);
+    if (type == nullptr) type = member.memberType();
+    if (!hasAdapter(type)) return true;
+    Node& child = nodeNew(&node, member.index, std::move(keyForm), entity, type);
+    if (!peers_.empty()) {
+      std::vector<std::uint8_t> f;
+      writeNodeFrames(child, f, true);
+      broadcast(f);
+    }
+    return true;
+  } catch (const Cog::Exception&) {
+    return false;  // generated code without keyed lookup: compare the whole collection
   }
 }
 
@@ -1043,8 +1091,18 @@ void Subscriber::bindNode(const Cog::Ptr<Cog::NboAttrLog::In>& in, std::uint32_t
     if (m->kind == Cog::MemberKind::owned) {
       child = Cog::Ptr<Cog::Entity>(entityOf(self->attribute(m->index)));
     } else {
+      // One lookup by the key; a walk only for types without one.
+      const Cog::CogType* keyType = m->memberKeyType();
+      if (keyType != nullptr && keyType->glue().fromAttrLog != nullptr) {
+        try {
+          auto k = Cog::allocate<Cog::NboAttrLog::In>(key);
+          Cog::Ptr<Cog::GenericIf> keyValue = keyType->glue().fromAttrLog(k.ptr());
+          if (k->atEnd()) child = Cog::Ptr<Cog::Entity>(entityOf(self->lookup(m->name, keyValue)));
+        } catch (const Cog::NotSupportedException&) {
+        }
+      }
       auto form = Cog::allocate<Cog::NboAttrLog::Out>();
-      for (auto it = self->iterator(m->name); it->iterNonnull(); it->iterInc()) {
+      for (auto it = self->iterator(m->name); !child && it->iterNonnull(); it->iterInc()) {
         form->clear();
         it->iterKey()->attrLogOut(form);
         if (form->bytes() == key) {

@@ -157,6 +157,7 @@ class Publisher {
   void scanMember(Node& node, const Cog::MemberInfo& member, bool announce);
   void dirEntry(Node& node, const Cog::Name& name, bool announce);
   void changed(Node& node, Cog::AttributeId id);
+  bool memberChanged(Node& node, const Cog::MemberInfo& member, const std::vector<std::uint8_t>& record);
   void flushRecords(Node& node);
   void ring();
   void reconcile();

@@ -154,6 +154,19 @@ TEST(Mount, RouteListArrivesWithItsRoutesAndFollowsChanges) {
   EXPECT_TRUE(log.lines.empty()) << log.lines.front();
 }
 
+// The keyed lookup mounts find members with: one member by its key, null
+// for an absent key, not supported on sets.
+TEST(Mount, ReflectionLooksMembersUpByKey) {
+  auto list = Routing::routeListFactory(Cog::Name("rib"));
+  auto r = list->routeIs(routeKey(4), Routing::RouteType::forward);
+  r->bfdTrackedIs(via(1));
+  auto self = Cog::genericIfOf(list);
+  EXPECT_EQ(self->lookup("route", Cog::genericIfOf(routeKey(4)))->entityPtr(), r.ptr());
+  EXPECT_FALSE(self->lookup("route", Cog::genericIfOf(routeKey(5))));
+  EXPECT_THROW(self->lookup("route", Cog::genericIfOf(7u)), Cog::RangeException);
+  EXPECT_THROW(Cog::genericIfOf(r)->lookup("bfdTracked", Cog::genericIfOf(via(1))), Cog::NotSupportedException);
+}
+
 TEST(Mount, DirectoryEntriesComeAndGo) {
   LogCapture log;
   const std::string path = socketPath("dir");
