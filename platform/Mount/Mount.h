@@ -47,6 +47,14 @@
 // the frame being written, and once the socket has taken that, it is
 // resynchronised instead.
 //
+// A member that joins an instantiating collection is found by its key (one
+// reflected lookup) as the collection's change is published, and its node
+// follows at once with its whole state; an owned child that is replaced, or
+// a change the adapter's record does not name, makes service() compare that
+// member with the tree. Entities are known by their registered type, found
+// from their C++ class: a class derived by hand from a generated one is not
+// served (a directory entry made by entityNew is, by its type name).
+//
 // The publisher owns fd() (an epoll set: its listening socket, its
 // subscribers and a doorbell rung by changes); an agent polls it and calls
 // service(), which accepts subscribers, reads their hellos, sends joining
