@@ -503,7 +503,7 @@ class Table {
 
   // While `observing_` is set, lookups and iterations report here each key
   // they found (with its record's version) or found absent.
-  virtual void observed(const Key&, bool present, std::uint64_t version) const {}
+  virtual void observed(const Key&, bool /*present*/, std::uint64_t /*version*/) const {}
   mutable bool observing_ = false;
 
   void reportCorruption(const std::string& why) const {

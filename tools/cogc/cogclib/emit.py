@@ -82,15 +82,18 @@ def notifies(m):
     return m.kind in ("attr", "collection", "owned", "memtab")
 
 
-def on_params(m):
-    """Parameter list of the notification onX(...) of member m."""
+def on_params(m, unused=False):
+    """Parameter list of the notification onX(...) of member m; with unused,
+    the parameter's name is a comment (for bodies that do not read it)."""
     if m.kind == "memtab":
-        return "const Memtab::KeyOf<%s>& key" % m.type.cpp
-    if m.kind != "collection":
+        param = "const Memtab::KeyOf<%s>& " % m.type.cpp, "key"
+    elif m.kind != "collection":
         return ""
-    if m.collection == "array":
-        return "std::uint64_t index"
-    return "%s key" % arg(m.key)
+    elif m.collection == "array":
+        param = "std::uint64_t ", "index"
+    else:
+        param = "%s " % arg(m.key), "key"
+    return param[0] + ("/*%s*/" % param[1] if unused else param[1])
 
 
 def key_arg(m):
