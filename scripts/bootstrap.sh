@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ g++-multilib libboost1.81-dev libgtest-dev googletest
           libgmock-dev libbenchmark-dev python3 python3-jinja2 binutils
-          qemu-user clang libclang-rt-14-dev liblmdb-dev)
+          qemu-user clang libclang-rt-14-dev liblmdb-dev pkg-config dpkg-dev)
 
 missing=()
 for p in "${packages[@]}"; do
