@@ -617,8 +617,8 @@ class WritableTable : public Table<V> {
 
   // A key's entry was written, or removed (`erased`), or the whole table
   // changed (`key` null).
-  virtual void changed(Shm::RingKind kind, const std::uint8_t* image, std::uint32_t length,
-                       const Key* key, bool erased) {
+  virtual void changed(Shm::RingKind /*kind*/, const std::uint8_t* /*image*/,
+                       std::uint32_t /*length*/, const Key* key, bool /*erased*/) {
     if (notifiee_ == nullptr) return;
     if (key != nullptr) {
       notifiee_->onKey(*key);
