@@ -179,13 +179,29 @@ class Emitter:
                                 type_fn=type_fn)
         self.env.filters.update(lcfirst=lcfirst, on_params=on_params, key_arg=key_arg,
                                 key_cpp=key_cpp)
-        self.env.globals.update(unwrap=unwrap)
+        self._lines = None
+        self.env.globals.update(unwrap=unwrap, schema_line=self.schema_line)
         self.env.globals.update(notifies=notifies, entity_value=entity_value, handlers=handlers,
                                 parsable=parsable)
         self.env.globals.update(signature=signature, ns_open=ns_open, ns_close=ns_close,
                                 isinstance=isinstance, Record=Record, Enum=Enum,
                                 Builtin=Builtin, Extern=Extern,
                                 NamespaceConstant=NamespaceConstant)
+
+    def schema_line(self, m):
+        """"// <Unit>.cog:<line>: <the line>" for a member declared in this
+        unit, so that a generated header reads as the schema's reference;
+        empty for members without a schema line of their own."""
+        pos = getattr(m, "pos", None)
+        if pos is None or pos.file != self.unit.display or not pos.line:
+            return ""
+        if self._lines is None:
+            with open(self.unit.path, encoding="utf-8") as f:
+                self._lines = f.read().split("\n")
+        if pos.line > len(self._lines):
+            return ""
+        text = self._lines[pos.line - 1].strip().rstrip("\\").rstrip()
+        return "// %s:%d: %s" % (os.path.basename(self.unit.path), pos.line, text)
 
     def inputs(self):
         files = [os.path.join(TEMPLATES, f) for f in sorted(os.listdir(TEMPLATES))]
