@@ -11,8 +11,12 @@ function(rl_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;INCLUDES" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES})
   rl_warnings(${name})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/platform ${ARG_INCLUDES})
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform>
+                             ${ARG_INCLUDES})
   target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  # The same names as the installed package's imported targets.
+  add_library(RoutingLib::${name} ALIAS ${name})
+  set_property(GLOBAL APPEND PROPERTY ROUTINGLIB_INSTALLED_LIBRARIES ${name})
 endfunction()
 
 # rl_test(Name SOURCES ... [DEPS ...])

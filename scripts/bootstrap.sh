@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ g++-multilib libboost1.81-dev libgtest-dev googletest
           libgmock-dev libbenchmark-dev python3 python3-jinja2 binutils
-          qemu-user clang libclang-rt-14-dev liblmdb-dev redis-server
+          qemu-user clang libclang-rt-14-dev liblmdb-dev redis-server pkg-config dpkg-dev
           pybind11-dev python3-pybind11 python3-dev python3-pytest)
 
 missing=()

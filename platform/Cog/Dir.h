@@ -49,7 +49,7 @@ class Dir : public Entity {
     // Only a directory can be the notifier of a directory observer.
     void notifierIs(const Ptr<const Dir>& dir) { Entity::NotifieeConst::notifierIs(dir); }
     // Called after the entity under `name` was added, replaced or removed.
-    virtual void onEntityPtr(const Name& name) {}
+    virtual void onEntityPtr(const Name& /*name*/) {}
 
    protected:
     NotifieeConst() = default;

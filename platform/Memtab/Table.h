@@ -503,7 +503,7 @@ class Table {
 
   // While `observing_` is set, lookups and iterations report here each key
   // they found (with its record's version) or found absent.
-  virtual void observed(const Key&, bool present, std::uint64_t version) const {}
+  virtual void observed(const Key&, bool /*present*/, std::uint64_t /*version*/) const {}
   mutable bool observing_ = false;
 
   void reportCorruption(const std::string& why) const {
@@ -617,8 +617,8 @@ class WritableTable : public Table<V> {
 
   // A key's entry was written, or removed (`erased`), or the whole table
   // changed (`key` null).
-  virtual void changed(Shm::RingKind kind, const std::uint8_t* image, std::uint32_t length,
-                       const Key* key, bool erased) {
+  virtual void changed(Shm::RingKind /*kind*/, const std::uint8_t* /*image*/,
+                       std::uint32_t /*length*/, const Key* key, bool /*erased*/) {
     if (notifiee_ == nullptr) return;
     if (key != nullptr) {
       notifiee_->onKey(*key);

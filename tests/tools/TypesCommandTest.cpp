@@ -72,7 +72,9 @@ TEST(ValueCommand, RefusesWhatItCannotRead) {
       {"value Routing::RouteMetric --attrlog '00000001 ff'",
        "routinglib value: 1 bytes left after the value\n"},
       {"value Routing::RouteList x", "routinglib value: Routing::RouteList has no string form\n"},
-      {"value", "routinglib value: usage: routinglib value NAME TEXT | NAME --attrlog HEX\n"},
+      {"value",
+       "routinglib value: usage: routinglib value [--json] NAME TEXT | value [--json] NAME "
+       "--attrlog HEX\n"},
   };
   for (const Case& c : cases) {
     const ToolRun run = runRoutinglib(c.args);

@@ -3,6 +3,7 @@
 <out>/<Unit>.cpp.
 
   cogc.py schema/FecBasicTypes.cog -o build/generated [--depfile F] [-I dir]
+          [--headers dir]
   cogc.py schema/FecBasicTypes.cog --dump-model
 
 Errors are printed as `file:line: error: message`, all of them; on any error
@@ -25,6 +26,9 @@ def main(argv=None):
     ap.add_argument("-o", "--output", help="directory for <Unit>.h and <Unit>.cpp")
     ap.add_argument("-I", dest="include", action="append", default=[],
                     help="also look for imported units here")
+    ap.add_argument("--headers", action="append", default=[],
+                    help="look for external types' headers under this include root "
+                         "(default: <root>/platform and <root>/src-includes)")
     ap.add_argument("--depfile", help="write a make-style depfile for the outputs")
     ap.add_argument("--dump-model", action="store_true", help="print the resolved model")
     ap.add_argument("--root", default=None,
@@ -34,7 +38,8 @@ def main(argv=None):
     diags = Diagnostics()
     root = args.root or os.getcwd()
     # the include roots of the build: external types' headers are found there
-    header_roots = [os.path.join(root, "platform"), os.path.join(root, "src-includes")]
+    header_roots = args.headers or [os.path.join(root, "platform"),
+                                    os.path.join(root, "src-includes")]
     model = Model(diags, args.include, header_roots)
     display = os.path.relpath(os.path.abspath(args.schema), root)
     unit = model.load(args.schema, display)

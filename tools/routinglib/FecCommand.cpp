@@ -1,7 +1,7 @@
 // `routinglib fec`: decodes FEC ids and the interface ids that carry them,
 // for people reading logs.
 //
-//   routinglib fec ID...
+//   routinglib fec [--json] ID...
 //
 // An ID that starts with a digit is a FEC id, in decimal or 0x-hex; it
 // prints
@@ -25,8 +25,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "Cog/Exception.h"
@@ -38,7 +40,11 @@ namespace {
 
 using Memtab::Fib::FecId;
 
-constexpr const char* kUsage = "usage: routinglib fec ID... (a FEC id in decimal or 0x-hex, or an interface name)";
+constexpr const char* kUsage =
+    "usage: routinglib fec [--json] ID... (a FEC id in decimal or 0x-hex, or an interface name)\n"
+    "Decodes each FEC id (type, index, string form, the interface ids that carry it),\n"
+    "or the FEC id an interface id folds.\n"
+    "  --json  one JSON object per ID, one a line, with the same fields\n";
 
 struct Decoded {
   bool fromIntfId = false;
@@ -75,35 +81,51 @@ std::string formOrWhyNot(F form) {
   }
 }
 
-void printFec(std::ostream& out, const FecId& f) {
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+void fecFields(Fields& fields, const FecId& f) {
   const std::uint64_t v = f.value();
   const unsigned type = static_cast<unsigned>(v >> Memtab::Fib::adjTypePos());
   const bool typeKnown = type < static_cast<unsigned>(Memtab::Fib::adjTypeMax());
-  out << "fecId: " << hex(v) << " (" << v << ")\n";
-  out << "valid: " << (f.isValid() ? "yes" : "no") << "\n";
+  fields.emplace_back("fecId", hex(v) + " (" + std::to_string(v) + ")");
+  fields.emplace_back("valid", f.isValid() ? "yes" : "no");
   if (typeKnown) {
-    out << "adjType: " << f.adjType() << " (" << type << ")\n";
+    std::ostringstream name;
+    name << f.adjType();
+    fields.emplace_back("adjType", name.str() + " (" + std::to_string(type) + ")");
   } else {
-    out << "adjType: none (" << type << " is beyond the last adjacency type)\n";
+    fields.emplace_back("adjType", "none (" + std::to_string(type) + " is beyond the last adjacency type)");
   }
-  out << "adjIndex: " << f.adjIndex() << "\n";
-  out << "toStrep: " << f.toStrep().str() << "\n";
-  out << "fecIntfId: " << formOrWhyNot([&] {
+  fields.emplace_back("adjIndex", std::to_string(f.adjIndex()));
+  fields.emplace_back("toStrep", f.toStrep().str());
+  fields.emplace_back("fecIntfId", formOrWhyNot([&] {
     return Velnet::FecIdIntfId::fecIdToIntfId(v).name().str();
-  }) << "\n";
-  out << "hierarchicalIntfId: " << formOrWhyNot([&] {
+  }));
+  fields.emplace_back("hierarchicalIntfId", formOrWhyNot([&] {
     const Velnet::IntfId i = FecId::fecIdToHierarchicalIntfId(f);
     return !i ? std::string("none (no FEC)") : i.name().str();
-  }) << "\n";
+  }));
+}
+
+void print(const Fields& fields, bool json, std::ostream& out) {
+  if (!json) {
+    for (const auto& [key, value] : fields) out << key << ": " << value << "\n";
+    return;
+  }
+  out << "{";
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    out << (i ? ", " : "") << jsonString(fields[i].first) << ": " << jsonString(fields[i].second);
+  }
+  out << "}\n";
 }
 
 int fecMain(const Args& args, std::ostream& out, std::ostream& err) {
-  if (args.empty()) return refuse(err, std::string("no id given (") + kUsage + ")");
+  bool json = false;
   std::vector<Decoded> decoded;
   for (const std::string& a : args) {
-    if (a == "--help") {
-      out << kUsage << "\n";
-      return 0;
+    if (a == "--json") {
+      json = true;
+      continue;
     }
     Decoded d;
     if (!a.empty() && a[0] >= '0' && a[0] <= '9') {
@@ -124,22 +146,23 @@ int fecMain(const Args& args, std::ostream& out, std::ostream& err) {
     }
     decoded.push_back(d);
   }
+  if (decoded.empty()) return refuse(err, std::string("no id given (") + usageLine(kUsage) + ")");
   for (std::size_t n = 0; n < decoded.size(); ++n) {
     const Decoded& d = decoded[n];
-    if (n > 0) out << "\n";
-    if (d.fromIntfId) {
-      out << "intfId: " << d.intfId.name().str() << "\n";
-      if (!d.fecId) {
-        out << "fecId: 0 (none)\n";
-        continue;
-      }
+    if (n > 0 && !json) out << "\n";
+    Fields fields;
+    if (d.fromIntfId) fields.emplace_back("intfId", d.intfId.name().str());
+    if (d.fromIntfId && !d.fecId) {
+      fields.emplace_back("fecId", "0 (none)");
+    } else {
+      fecFields(fields, d.fecId);
     }
-    printFec(out, d.fecId);
+    print(fields, json, out);
   }
   return 0;
 }
 
-Registration reg{"fec", "decode a FEC id, or the FEC id an interface id folds", &fecMain};
+Registration reg{"fec", "decode a FEC id, or the FEC id an interface id folds", kUsage, &fecMain};
 
 }  // namespace
 }  // namespace routinglib

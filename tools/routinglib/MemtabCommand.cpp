@@ -1,6 +1,6 @@
 // `routinglib memtab`: the shared-memory tables of this machine.
 //
-//   routinglib memtab list              one line per table: name, value type,
+//   routinglib memtab list [--json]     one line per table: name, value type,
 //                                       entries, segment bytes, writer pid and
 //                                       whether it is alive, linked readers
 //   routinglib memtab dump NAME [--json]
@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 #include "Memtab/Catalog.h"
@@ -28,9 +29,34 @@ namespace {
 
 volatile std::sig_atomic_t gStop = 0;
 
+constexpr const char* kUsage =
+    "usage: routinglib memtab list [--json] | dump NAME [--json] | watch NAME [--count N] | rm NAME\n"
+    "The shared-memory tables of this machine.\n"
+    "  list             one line per table: name, value type, entries, segment bytes,\n"
+    "                   writer pid and whether it is alive, linked readers\n"
+    "  dump NAME        every entry in its text form (images in hex for a type the\n"
+    "                   tool does not know)\n"
+    "  watch NAME       changes as they happen (\"set <entry>\", \"del <entry>\",\n"
+    "                   \"-- <event>\"), until interrupted or N changes were shown\n"
+    "  rm NAME          removes a table whose writer is gone\n"
+    "  --json           list or dump as JSON\n"
+    "A damaged table, or rm of a table whose writer lives, exits with status 1.\n";
+
+void printTablesJson(const std::vector<Memtab::TableInfo>& tables, std::ostream& out) {
+  out << "[";
+  for (std::size_t i = 0; i < tables.size(); ++i) {
+    const Memtab::TableInfo& t = tables[i];
+    out << (i ? ", " : "") << "{\"name\": " << jsonString(t.name) << ", \"type\": "
+        << jsonString(t.typeName) << ", \"entries\": " << t.entries << ", \"bytes\": " << t.bytes
+        << ", \"writerPid\": " << t.writerPid
+        << ", \"writerAlive\": " << (t.writerAlive ? "true" : "false")
+        << ", \"readers\": " << t.readers << ", \"damage\": " << jsonString(t.damage) << "}";
+  }
+  out << "]\n";
+}
+
 int usage(std::ostream& err) {
-  err << "routinglib memtab: usage: routinglib memtab list | dump NAME [--json] | "
-         "watch NAME [--count N] | rm NAME\n";
+  err << "routinglib memtab: " << usageLine(kUsage) << "\n";
   return kExitUsage;
 }
 
@@ -45,6 +71,10 @@ int memtabMain(const Args& args, std::ostream& out, std::ostream& err) {
   std::string why;
   if (what == "list" && args.size() == 1) {
     Memtab::printTables(Memtab::listTables(), out);
+    return 0;
+  }
+  if (what == "list" && args.size() == 2 && args[1] == "--json") {
+    printTablesJson(Memtab::listTables(), out);
     return 0;
   }
   if (what == "dump" && (args.size() == 2 || (args.size() == 3 && args[2] == "--json"))) {
@@ -70,7 +100,8 @@ int memtabMain(const Args& args, std::ostream& out, std::ostream& err) {
   return usage(err);
 }
 
-Registration reg{"memtab", "list, dump, watch or remove shared-memory tables", &memtabMain};
+Registration reg{"memtab", "list, dump, watch or remove shared-memory tables", kUsage,
+                 &memtabMain};
 
 }  // namespace
 }  // namespace routinglib

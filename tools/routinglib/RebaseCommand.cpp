@@ -34,7 +34,16 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: routinglib rebase --max-ucmp N (--deviation D | --balanced) [--float | --unsigned] "
-    "[--json] W...";
+    "[--json] W...\n"
+    "Rebases next-hop weights W... into integer weights that fit a budget of N entries.\n"
+    "  --deviation D  the largest relative deviation from the ideal shares, in [0, 1]\n"
+    "  --balanced     instead, the weights that give the worst next hop the largest\n"
+    "                 share of its ideal within the budget\n"
+    "  --float        read the weights as 32-bit floats (default: doubles)\n"
+    "  --unsigned     read the weights as unsigned 32-bit integers\n"
+    "  --json         {\"status\": \"<name>\", \"weights\": [w0, ...]} on one line\n"
+    "Prints \"status: <rebaseSuccess|rebaseUnconverged|rebaseTruncated>\" and\n"
+    "\"weights: w0 w1 ...\".\n";
 
 enum class Kind { doubles, floats, unsigneds };
 
@@ -99,10 +108,6 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
 
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
-    if (a == "--help") {
-      out << kUsage << "\n";
-      return 0;
-    }
     if (a == "--max-ucmp" || a == "--deviation") {
       if (i + 1 == args.size()) return refuse(err, a + " needs a value");
       const std::string& value = args[++i];
@@ -125,7 +130,7 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
     } else if (a == "--unsigned") {
       asUnsigned = true;
     } else if (a.size() >= 2 && a[0] == '-' && a[1] == '-') {
-      return refuse(err, "unknown option '" + a + "' (" + kUsage + ")");
+      return refuse(err, "unknown option '" + a + "' (" + usageLine(kUsage) + ")");
     } else {
       weightTexts.push_back(a);
     }
@@ -179,7 +184,8 @@ int rebaseMain(const Args& args, std::ostream& out, std::ostream& err) {
   return 0;
 }
 
-Registration reg{"rebase", "rebase UCMP weights into a hardware entry budget", &rebaseMain};
+Registration reg{"rebase", "rebase UCMP weights into a hardware entry budget", kUsage,
+                 &rebaseMain};
 
 }  // namespace
 }  // namespace routinglib

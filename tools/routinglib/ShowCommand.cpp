@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <map>
 #include <ostream>
 #include <set>
@@ -36,10 +37,27 @@ void onSignal(int) {
   if (gLoop != nullptr) gLoop->stop();
 }
 
-int usage(std::ostream& err) {
-  err << "routinglib show: usage: routinglib show unprogrammed [--vrf NAME] [--json] [--watch [--count N]]\n"
-         "                        [--socket PATH] [--wait SECONDS]\n";
+constexpr const char* kUsage =
+    "usage: routinglib show unprogrammed [--vrf NAME] [--json] [--watch [--count N]]\n"
+    "                                    [--socket PATH] [--wait SECONDS]\n"
+    "Subscribes to a status agent and prints, per VRF, the number of routes the\n"
+    "kernel refused (IPv4 and IPv6) and their keys.\n"
+    "  --vrf NAME      that VRF only\n"
+    "  --json          one JSON object per picture\n"
+    "  --watch         a new picture on every change (until interrupted, or N times\n"
+    "                  with --count N)\n"
+    "  --socket PATH   the status agent's socket (default /tmp/routinglib-status.sock)\n"
+    "  --wait SECONDS  how long to wait for the agent before giving up (default 5)\n";
+
+int usage(std::ostream& err, const std::string& why) {
+  err << "routinglib show: " << why << " (" << usageLine(kUsage) << ")\n";
   return kExitUsage;
+}
+
+bool number(const std::string& text, double* out) {
+  char* end = nullptr;
+  *out = std::strtod(text.c_str(), &end);
+  return !text.empty() && end != nullptr && *end == '\0' && *out >= 0;
 }
 
 struct VrfPicture {
@@ -140,7 +158,7 @@ std::string render(const std::map<std::string, VrfPicture>& vrfs, bool json, con
 }
 
 int showMain(const Args& args, std::ostream& out, std::ostream& err) {
-  if (args.empty() || args[0] != "unprogrammed") return usage(err);
+  if (args.empty() || args[0] != "unprogrammed") return usage(err, "show what? only 'unprogrammed' is known");
   std::string vrf, socket = "/tmp/routinglib-status.sock";
   bool json = false, watch = false;
   unsigned long count = 0;
@@ -157,9 +175,17 @@ int showMain(const Args& args, std::ostream& out, std::ostream& err) {
     else if (a == "--watch") watch = true;
     else if (a == "--vrf" && value(&vrf)) continue;
     else if (a == "--socket" && value(&socket)) continue;
-    else if (a == "--count" && value(&v)) count = std::stoul(v);
-    else if (a == "--wait" && value(&v)) wait = std::stod(v);
-    else return usage(err);
+    else if (a == "--count" && value(&v)) {
+      double n = 0;
+      if (!number(v, &n) || n != static_cast<double>(static_cast<unsigned long>(n))) {
+        return usage(err, "'" + v + "' is not a count");
+      }
+      count = static_cast<unsigned long>(n);
+    } else if (a == "--wait" && value(&v)) {
+      if (!number(v, &wait)) return usage(err, "'" + v + "' is not a number of seconds");
+    } else {
+      return usage(err, "unknown or incomplete option '" + a + "'");
+    }
   }
 
   Mount::Options options;
@@ -202,7 +228,8 @@ int showMain(const Args& args, std::ostream& out, std::ostream& err) {
   return 0;
 }
 
-Registration reg{"show", "show state published by agents: unprogrammed routes per VRF", &showMain};
+Registration reg{"show", "show state published by agents: unprogrammed routes per VRF", kUsage,
+                 &showMain};
 
 }  // namespace
 }  // namespace routinglib

@@ -92,15 +92,18 @@ def notifies(m):
     return m.kind in ("attr", "collection", "owned", "memtab")
 
 
-def on_params(m):
-    """Parameter list of the notification onX(...) of member m."""
+def on_params(m, unused=False):
+    """Parameter list of the notification onX(...) of member m; with unused,
+    the parameter's name is a comment (for bodies that do not read it)."""
     if m.kind == "memtab":
-        return "const Memtab::KeyOf<%s>& key" % m.type.cpp
-    if m.kind != "collection":
+        param = "const Memtab::KeyOf<%s>& " % m.type.cpp, "key"
+    elif m.kind != "collection":
         return ""
-    if m.collection == "array":
-        return "std::uint64_t index"
-    return "%s key" % arg(m.key)
+    elif m.collection == "array":
+        param = "std::uint64_t ", "index"
+    else:
+        param = "%s " % arg(m.key), "key"
+    return param[0] + ("/*%s*/" % param[1] if unused else param[1])
 
 
 def key_arg(m):
@@ -186,13 +189,29 @@ class Emitter:
                                 type_fn=type_fn, schema_decl=schema_decl)
         self.env.filters.update(lcfirst=lcfirst, on_params=on_params, key_arg=key_arg,
                                 key_cpp=key_cpp)
-        self.env.globals.update(unwrap=unwrap)
+        self._lines = None
+        self.env.globals.update(unwrap=unwrap, schema_line=self.schema_line)
         self.env.globals.update(notifies=notifies, entity_value=entity_value, handlers=handlers,
                                 parsable=parsable)
         self.env.globals.update(signature=signature, ns_open=ns_open, ns_close=ns_close,
                                 isinstance=isinstance, Record=Record, Enum=Enum,
                                 Builtin=Builtin, Extern=Extern,
                                 NamespaceConstant=NamespaceConstant)
+
+    def schema_line(self, m):
+        """"// <Unit>.cog:<line>: <the line>" for a member declared in this
+        unit, so that a generated header reads as the schema's reference;
+        empty for members without a schema line of their own."""
+        pos = getattr(m, "pos", None)
+        if pos is None or pos.file != self.unit.display or not pos.line:
+            return ""
+        if self._lines is None:
+            with open(self.unit.path, encoding="utf-8") as f:
+                self._lines = f.read().split("\n")
+        if pos.line > len(self._lines):
+            return ""
+        text = self._lines[pos.line - 1].strip().rstrip("\\").rstrip()
+        return "// %s:%d: %s" % (os.path.basename(self.unit.path), pos.line, text)
 
     def inputs(self):
         files = [os.path.join(TEMPLATES, f) for f in sorted(os.listdir(TEMPLATES))]
