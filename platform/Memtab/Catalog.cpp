@@ -1,5 +1,7 @@
 #include "Memtab/Catalog.h"
 
+#include "Memtab/GenericReader.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -110,7 +112,7 @@ std::vector<TableInfo> listTables() {
       tables.push_back(info);
       continue;
     }
-    info.typeName = v->typeName();
+    info.typeName = registeredTypeName(v->typeName());
     info.entries = v->count();
     info.bytes = v->mappedBytes();
     info.writerPid = v->writerPid();
@@ -159,7 +161,7 @@ int dumpTable(std::string_view name, bool json, std::ostream& out, std::string* 
   const std::string typeName = v->typeName();
   const ValueType* type = findValueType(typeName);
   if (json) {
-    out << "{\"table\": " << jsonString(name) << ", \"type\": " << jsonString(typeName)
+    out << "{\"table\": " << jsonString(name) << ", \"type\": " << jsonString(registeredTypeName(typeName))
         << ", \"entries\": [";
   }
   bool started = false, first = true;
@@ -235,7 +237,7 @@ int watchTable(std::string_view name, std::uint64_t changes, const std::function
   Shm::Mount mount(std::string(name), v->typeTag(), static_cast<uid_t>(-1),
                    [&](const std::string& m) { reports.push_back(m); });
   mount.update(true);
-  out << "watching " << name << " (" << v->typeName() << ", " << v->count() << " entries, "
+  out << "watching " << name << " (" << registeredTypeName(v->typeName()) << ", " << v->count() << " entries, "
       << toString(mount.status()) << ")\n"
       << std::flush;
   v.reset();

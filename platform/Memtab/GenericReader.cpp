@@ -33,6 +33,13 @@ void registerGenericReader(const std::string& segmentTypeName, const std::string
   r.byCogType[cogTypeName] = Registration{cogTypeName, factory};
 }
 
+std::string registeredTypeName(std::string_view segmentTypeName) {
+  Registry& r = registry();
+  std::lock_guard lock(r.mutex);
+  auto it = r.bySegmentType.find(segmentTypeName);
+  return it == r.bySegmentType.end() ? std::string(segmentTypeName) : it->second.cogTypeName;
+}
+
 std::unique_ptr<GenericReader> openGenericReader(std::string_view name, std::string_view valueType,
                                                  const Options& options) {
   validateTableName(name);

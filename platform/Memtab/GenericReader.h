@@ -65,6 +65,11 @@ using GenericReaderFactory = std::unique_ptr<GenericReader> (*)(const std::strin
 void registerGenericReader(const std::string& segmentTypeName, const std::string& cogTypeName,
                            GenericReaderFactory factory);
 
+// The registered type name of the values a segment records as
+// `segmentTypeName` (a C++ type's identity); `segmentTypeName` itself when no
+// reader is registered for it.
+std::string registeredTypeName(std::string_view segmentTypeName);
+
 // Opens table `name` with the reader of the value type its segment records.
 // `valueType` (a registered type name) opens a table that does not exist yet,
 // as Reader does, and refuses one of another type. Throws RangeException for a

@@ -2,11 +2,15 @@
 // tables notify as each change is made.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Activity/Counter.h"
+#include "Memtab/Catalog.h"
 #include "Cog/Trace.h"
 #include "RoutingLib/KernelUnprogrammedRouteSplitterSm.h"
 
@@ -281,3 +285,26 @@ TEST(UnprogrammedRouteEntity, ActivityCounters) {
 }
 
 }  // namespace
+
+// Operators see a table's value type by its registered name, not the C++
+// identity the segment records.
+TEST(UnprogrammedRouteEntity, TablesListUnderTheirValueTypeNames) {
+  const std::string n4 = "unprogsm4." + std::to_string(getpid());
+  auto kernel = unprogrammedRouteFactory(Cog::Name("kernel"));
+  kernel->errorWriterIs(n4);
+  kernel->errorIs(err("red", "10.0.0.0/8"));
+  bool listed = false;
+  for (const auto& t : Memtab::listTables()) {
+    if (t.name != n4) continue;
+    listed = true;
+    EXPECT_EQ(t.typeName, "Memtab::KernelUnprogrammedRoute::Error");
+  }
+  EXPECT_TRUE(listed);
+  std::ostringstream out;
+  std::string why;
+  EXPECT_EQ(Memtab::dumpTable(n4, true, out, &why), Memtab::kCatalogDone) << why;
+  EXPECT_NE(out.str().find("\"type\": \"Memtab::KernelUnprogrammedRoute::Error\""), std::string::npos)
+      << out.str();
+  kernel = nullptr;
+  Memtab::unlinkTable(n4);
+}
