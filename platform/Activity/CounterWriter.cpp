@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -13,6 +12,7 @@
 
 #include "Activity/Counter.h"
 #include "Cog/Exception.h"
+#include "Cog/ProcessSegment.h"
 
 namespace Activity {
 
@@ -51,60 +51,6 @@ Entry* entries(CounterWriter::Segment* s) {
   return reinterpret_cast<Entry*>(reinterpret_cast<char*>(s) + sizeof(Header));
 }
 
-// Creates the segment `name` for this process holding a copy of `initial`
-// (kSegmentSize bytes) or a fresh table. Returns the open descriptor or -1.
-int createSegmentFile(const std::string& name, const void* initial) {
-  int fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-  if (fd < 0 && errno == EEXIST) {
-    // A previous process with our pid died without removing it.
-    shm_unlink(name.c_str());
-    fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-  }
-  if (fd < 0) return -1;
-  bool ok = ftruncate(fd, kSegmentSize) == 0;
-  if (ok && initial != nullptr) {
-    const char* p = static_cast<const char*>(initial);
-    std::size_t done = 0;
-    while (ok && done < kSegmentSize) {
-      ssize_t n = pwrite(fd, p + done, kSegmentSize - done, static_cast<off_t>(done));
-      if (n < 0 && errno == EINTR) continue;
-      ok = n > 0;
-      if (ok) done += static_cast<std::size_t>(n);
-    }
-  }
-  if (!ok) {
-    close(fd);
-    shm_unlink(name.c_str());
-    return -1;
-  }
-  return fd;
-}
-
-// Removes the counter segments of this user's processes that no longer run.
-void removeStaleSegments() {
-  DIR* dir = opendir("/dev/shm");
-  if (dir == nullptr) return;
-  const uid_t me = geteuid();
-  while (dirent* e = readdir(dir)) {
-    std::string_view n(e->d_name);
-    constexpr std::string_view prefix = "activity.";
-    if (n.substr(0, prefix.size()) != prefix || n.size() == prefix.size() ||
-        n.size() > prefix.size() + 10)
-      continue;
-    std::string_view digits = n.substr(prefix.size());
-    if (digits.find_first_not_of("0123456789") != std::string_view::npos) continue;
-    long pid = std::strtol(std::string(digits).c_str(), nullptr, 10);
-    if (pid <= 0 || pid == getpid()) continue;
-    struct stat st;
-    if (fstatat(dirfd(dir), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_uid != me)
-      continue;
-    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
-      shm_unlink(("/" + std::string(n)).c_str());
-    }
-  }
-  closedir(dir);
-}
-
 CounterWriter* gWriter = nullptr;
 pid_t gOwnerPid = 0;
 
@@ -125,9 +71,9 @@ CounterWriter& CounterWriter::process() {
 }
 
 CounterWriter::CounterWriter() {
-  removeStaleSegments();
+  Cog::ProcessSegment::removeStale("activity.");
   std::string name = nameFor(getpid());
-  int fd = createSegmentFile(name, nullptr);
+  int fd = Cog::ProcessSegment::create(name, kSegmentSize, nullptr);
   void* mem = MAP_FAILED;
   if (fd >= 0) {
     mem = mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -206,7 +152,7 @@ void CounterWriter::afterFork() {
   if (segmentName_.empty()) return;
   header(segment_)->pid = static_cast<std::int32_t>(getpid());
   std::string name = nameFor(getpid());
-  int fd = createSegmentFile(name, segment_);
+  int fd = Cog::ProcessSegment::create(name, kSegmentSize, segment_);
   void* mem = MAP_FAILED;
   if (fd >= 0) {
     mem = mmap(segment_, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);

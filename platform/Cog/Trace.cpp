@@ -1,6 +1,5 @@
 #include "Cog/Trace.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -15,6 +14,7 @@
 #include <map>
 
 #include "Cog/Exception.h"
+#include "Cog/ProcessSegment.h"
 
 namespace Cog::Trace {
 namespace {
@@ -100,60 +100,6 @@ Entry* entriesOf(Header* h) {
   return reinterpret_cast<Entry*>(reinterpret_cast<char*>(h) + sizeof(Header));
 }
 
-// Creates the segment `name` holding a copy of `initial` (or zeros).
-// Returns the open descriptor or -1.
-int createSegmentFile(const std::string& name, const void* initial) {
-  int fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-  if (fd < 0 && errno == EEXIST) {
-    // A previous process with our pid died without removing it.
-    shm_unlink(name.c_str());
-    fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-  }
-  if (fd < 0) return -1;
-  bool ok = ftruncate(fd, kSegmentSize) == 0;
-  if (ok && initial != nullptr) {
-    const char* p = static_cast<const char*>(initial);
-    std::size_t done = 0;
-    while (ok && done < kSegmentSize) {
-      ssize_t n = pwrite(fd, p + done, kSegmentSize - done, static_cast<off_t>(done));
-      if (n < 0 && errno == EINTR) continue;
-      ok = n > 0;
-      if (ok) done += static_cast<std::size_t>(n);
-    }
-  }
-  if (!ok) {
-    close(fd);
-    shm_unlink(name.c_str());
-    return -1;
-  }
-  return fd;
-}
-
-// Removes the trace areas of this user's processes that no longer run.
-void removeStaleSegments() {
-  DIR* dir = opendir("/dev/shm");
-  if (dir == nullptr) return;
-  const uid_t me = geteuid();
-  while (dirent* e = readdir(dir)) {
-    std::string_view n(e->d_name);
-    constexpr std::string_view prefix = "cogtrace.";
-    if (n.substr(0, prefix.size()) != prefix || n.size() == prefix.size() ||
-        n.size() > prefix.size() + 10)
-      continue;
-    std::string_view digits = n.substr(prefix.size());
-    if (digits.find_first_not_of("0123456789") != std::string_view::npos) continue;
-    long pid = std::strtol(std::string(digits).c_str(), nullptr, 10);
-    if (pid <= 0 || pid == getpid()) continue;
-    struct stat st;
-    if (fstatat(dirfd(dir), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_uid != me)
-      continue;
-    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
-      shm_unlink(("/" + std::string(n)).c_str());
-    }
-  }
-  closedir(dir);
-}
-
 constinit std::atomic<std::uint32_t> gNoArea{0};
 Header* gArea = nullptr;       // set once, under the registry's mutex
 std::string gAreaName;         // empty when the area is process memory only
@@ -163,7 +109,7 @@ pid_t gOwnerPid = 0;
 // a copy of `initial`; falls back to process memory. Sets gAreaName.
 Header* mapArea(void* fixed, const void* initial) {
   std::string name = nameFor(getpid());
-  int fd = createSegmentFile(name, initial);
+  int fd = Cog::ProcessSegment::create(name, kSegmentSize, initial);
   void* mem = MAP_FAILED;
   if (fd >= 0) {
     mem = mmap(fixed, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED | (fixed ? MAP_FIXED : 0),
@@ -260,7 +206,7 @@ constinit std::atomic<std::uint32_t> gAppliedGeneration{0};
 // The control area's side of the handles; called with the registry locked.
 struct Control {
   static void create() {
-    removeStaleSegments();
+    Cog::ProcessSegment::removeStale("cogtrace.");
     gArea = mapArea(nullptr, nullptr);
     gOwnerPid = getpid();
     gArea->layoutVersion = kLayoutVersion;
