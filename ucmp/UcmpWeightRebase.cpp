@@ -567,6 +567,19 @@ struct Schedule {
   }
 };
 
+// Each entry's job at this cut: its share, the total per weight step, and
+// whether that total can be computed in closed form without overflow.
+void initJobs(Job* jobs, const Rebase& r, double cut) {
+  for (size_t k = 0; k < r.entries.size(); ++k) {
+    const double optimalRatio = r.entries[k].optimalRatio;
+    Job& j = jobs[k];
+    j.optimalRatio = optimalRatio;
+    j.perWeight = 1.0 / (optimalRatio * cut);
+    j.closedForm = optimalRatio >= 1e-290 && optimalRatio <= 1e290 && j.perWeight > 0 &&
+                   j.perWeight < 1e290;
+  }
+}
+
 // The growth loop as a schedule (see above). Where the loop usually
 // converges well within the budget, the convergence is looked for first by
 // counting jobs, which is cheaper than placing them; the schedule runs when
@@ -585,14 +598,7 @@ void growScheduled(Rebase& r, double cut = 0.0) {
   Job local[kLocal];
   std::vector<Job> heap(n > kLocal ? n : 0);
   Schedule s{n > kLocal ? heap.data() : local, n, cut, r.total, r.maxUcmp - 1};
-  for (size_t k = 0; k < n; ++k) {
-    const double optimalRatio = r.entries[k].optimalRatio;
-    Job& j = s.jobs[k];
-    j.optimalRatio = optimalRatio;
-    j.perWeight = 1.0 / (optimalRatio * cut);
-    j.closedForm = optimalRatio >= 1e-290 && optimalRatio <= 1e290 && j.perWeight > 0 &&
-                   j.perWeight < 1e290;
-  }
+  initJobs(s.jobs, r, cut);
   s.reset(r.entries);
 
   // Counting needs every entry to have at most about one job per step: no
@@ -922,14 +928,7 @@ void growDirect(Rebase& r, DirectStats* stats) {
   Job local[kLocal];
   std::vector<Job> heap(n > kLocal ? n : 0);
   Schedule s{n > kLocal ? heap.data() : local, n, cut, r.total, r.maxUcmp - 1};
-  for (size_t k = 0; k < n; ++k) {
-    const double optimalRatio = r.entries[k].optimalRatio;
-    Job& j = s.jobs[k];
-    j.optimalRatio = optimalRatio;
-    j.perWeight = 1.0 / (optimalRatio * cut);
-    j.closedForm = optimalRatio >= 1e-290 && optimalRatio <= 1e290 && j.perWeight > 0 &&
-                   j.perWeight < 1e290;
-  }
+  initJobs(s.jobs, r, cut);
   Direct d(r.entries, cut, r.total, r.maxUcmp - 1, steps);
   auto cheapSweep = [&] {
     return sweepLooksCheap(r.entries, cut, r.total, r.maxUcmp - 1, sweepBudget) &&
