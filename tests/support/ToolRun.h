@@ -17,10 +17,11 @@ struct ToolRun {
   std::string output;  // stdout and stderr together
 };
 
-// `args` go through the shell: quote them as a shell needs.
-inline ToolRun runRoutinglib(const std::string& args) {
+// `args` go through the shell: quote them as a shell needs. `redirect`
+// says where stderr goes ("2>&1": into the output, "2>/dev/null": away).
+inline ToolRun runRoutinglib(const std::string& args, const char* redirect = "2>&1") {
   const std::string command =
-      programPrefix() + "'" + ROUTINGLIB_TOOL + "' " + args + " 2>&1";
+      programPrefix() + "'" + ROUTINGLIB_TOOL + "' " + args + " " + redirect;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return {-1, "popen failed"};
   std::string output;

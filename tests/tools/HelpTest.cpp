@@ -40,18 +40,7 @@ std::vector<std::string> listedCommands() {
 }
 
 // The tool's stdout alone.
-ToolRun runStdout(const std::string& args) {
-  const std::string command =
-      testsupport::programPrefix() + "'" + ROUTINGLIB_TOOL + "' " + args + " 2>/dev/null";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, "popen failed"};
-  std::string output;
-  char buf[4096];
-  std::size_t got;
-  while ((got = std::fread(buf, 1, sizeof buf, pipe)) > 0) output.append(buf, got);
-  const int wait = pclose(pipe);
-  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, output};
-}
+ToolRun runStdout(const std::string& args) { return runRoutinglib(args, "2>/dev/null"); }
 
 bool hasLine(const std::string& text, const std::string& line) {
   return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
