@@ -580,6 +580,25 @@ void initJobs(Job* jobs, const Rebase& r, double cut) {
   }
 }
 
+// Runs the schedule to the loop's end unless the convergence total is
+// `known`, then writes the weights the loop settles at. False, with nothing
+// written, when the loop's total wraps: only the loop knows what follows.
+bool settleSchedule(Rebase& r, Schedule& s, uint64_t converged, bool known) {
+  if (!known) {
+    bool wrapped = false;
+    converged = s.run(wrapped);
+    if (wrapped) return false;
+  }
+  if (converged != kNever) {
+    s.settleAt(converged);
+    r.total = converged;
+  } else {
+    r.total = r.maxUcmp;
+  }
+  for (size_t k = 0; k < r.entries.size(); ++k) r.entries[k].weight = s.jobs[k].weight;
+  return true;
+}
+
 // The growth loop as a schedule (see above). Where the loop usually
 // converges well within the budget, the convergence is looked for first by
 // counting jobs, which is cheaper than placing them; the schedule runs when
@@ -614,21 +633,10 @@ void growScheduled(Rebase& r, double cut = 0.0) {
     counted = converged != kNever;
     if (!counted) s.reset(r.entries);
   }
-  if (!counted) {
-    bool wrapped = false;
-    converged = s.run(wrapped);
-    if (wrapped) {  // only the loop knows what follows; nothing is written yet
-      growReference(r);
-      return;
-    }
+  if (!settleSchedule(r, s, counted ? converged : kNever, counted)) {
+    growReference(r);
+    return;
   }
-  if (converged != kNever) {
-    s.settleAt(converged);
-    r.total = converged;
-  } else {
-    r.total = r.maxUcmp;
-  }
-  for (size_t k = 0; k < n; ++k) r.entries[k].weight = s.jobs[k].weight;
   budgetSpent(r);
 }
 
@@ -964,19 +972,10 @@ void growDirect(Rebase& r, DirectStats* stats) {
     if (stats) ++stats->scheduled;
     r.total = s.lo;
     s.reset(r.entries);
-    bool wrapped = false;
-    const uint64_t converged = s.run(wrapped);
-    if (wrapped) {
+    if (!settleSchedule(r, s, kNever, false)) {
       growReference(r);
       return;
     }
-    if (converged != kNever) {
-      s.settleAt(converged);
-      r.total = converged;
-    } else {
-      r.total = r.maxUcmp;
-    }
-    for (size_t k = 0; k < n; ++k) r.entries[k].weight = s.jobs[k].weight;
   } else {
     if (stats) ++stats->direct;
   }

@@ -24,6 +24,7 @@
 #include "Activity/Counter.h"
 #include "Memtab/Segment.h"
 #include "RoutingLib/KernelUnprogrammedRouteSplitterSm.h"
+#include "support/ChildProcess.h"
 #include "support/ToolRun.h"
 
 using namespace Memtab::KernelUnprogrammedRoute;
@@ -47,16 +48,7 @@ ErrorKey routeKey(std::uint32_t i) {
   return ErrorKey(L3::VrfName(Cog::String(vrf)), Velnet::IpGenPrefix(Cog::String(p)));
 }
 
-bool readAll(int fd, void* p, std::size_t n) {
-  auto* b = static_cast<char*>(p);
-  while (n > 0) {
-    const ssize_t got = read(fd, b, n);
-    if (got <= 0) return false;
-    b += got;
-    n -= static_cast<std::size_t>(got);
-  }
-  return true;
-}
+using testsupport::readAll;
 
 // Phase p: delete every present key whose hash falls in the phase's third
 // (all of them were added, and delivered, in earlier phases), then add new

@@ -408,19 +408,9 @@ struct Channel {
   }
   static bool readMsg(int fd, std::string* s) {
     std::uint32_t n = 0;
-    if (!readAll(fd, &n, 4)) return false;
+    if (!testsupport::readAll(fd, &n, 4)) return false;
     s->assign(n, '\0');
-    return n == 0 || readAll(fd, s->data(), n);
-  }
-  static bool readAll(int fd, void* p, std::size_t n) {
-    auto* b = static_cast<char*>(p);
-    while (n > 0) {
-      const ssize_t got = read(fd, b, n);
-      if (got <= 0) return false;
-      b += got;
-      n -= static_cast<std::size_t>(got);
-    }
-    return true;
+    return n == 0 || testsupport::readAll(fd, s->data(), n);
   }
   // Parent side.
   bool ask(const std::string& cmd, std::string* answer) {
