@@ -182,7 +182,11 @@ bool View::checkHeader(const std::uint32_t* typeTag, std::uint64_t fileBytes, st
   ringOffset_ = h->ringOffset;
   ringBytes_ = ring;
   heapStart_ = kHeaderBytes + ring;
-  if (!validIndex(IndexWord::decode(h->index.load(std::memory_order_acquire)))) {
+  // A writer that grew the segment since we sized our map publishes its
+  // bucket array past our end: publishedIndex maps the rest before judging.
+  std::uint64_t iw = 0;
+  std::string outside;
+  if (!publishedIndex(&iw, &outside)) {
     *why = "segment header has an invalid bucket array";
     return false;
   }
